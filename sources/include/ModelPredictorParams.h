@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace styluspipeline {
+
+// The model predictor's share of the configuration. Start values here are overwritten by the
+// configuration reader, whose defaults may differ (see PredictorParams).
+struct ModelPredictorParams {
+    std::string model_path;                  // full path of the .tflite model
+    float stroke_end_thres = 0.5f;           // stroke-end probability at or above which a point is dropped
+    int32_t num_predictions = 5;             // future points per inference
+    int32_t reserved = 4;                    // set by no key, read by no code
+    int32_t prediction_time_delta_ms = 4;    // step between predicted points
+    uint32_t pixel_per_inch = 213;           // screen density
+    uint32_t num_historcal_points = 10;      // rows of model input history
+    uint32_t min_num_historical_points = 10; // samples needed after a stroke boundary (plus one)
+    float mm_per_inch = 25.4f;
+    // Min/max normalisation ranges; a pair left at 1.0/1.0 divides by zero.
+    float feature_timestamp_max = 1.0f;
+    float feature_timestamp_min = 1.0f;
+    float feature_xpos_max = 1.0f;
+    float feature_xpos_min = 1.0f;
+    float feature_ypos_max = 1.0f;
+    float feature_ypos_min = 1.0f;
+    float feature_tilt_max = 1.0f;
+    float feature_tilt_min = 1.0f;
+    float feature_orientation_max = 1.0f;
+    float feature_orientation_min = 1.0f;
+    float feature_pressure_max = 1.0f;
+    float feature_pressure_min = 1.0f;
+    int32_t predictionErrorMeasurementWindow = 120;  // logged only
+    bool use_raw_pressure = false;           // pressure feature is the absolute value, not a difference
+    uint32_t target_event_count = 50000;     // metric weight cap
+    uint32_t save_metrics_interval = 5000;   // measured points between metric saves
+};
+
+}  // namespace styluspipeline

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "DataQueue.h"
+#include "ModelPredictorParams.h"
+
+namespace styluspipeline {
+
+// Every setting of the library, read once from the configuration file. Reading also sets the
+// framework's process-wide log priority from Pipeline.logLevel.
+struct PredictorParams {
+    // Throws what the configuration reader throws: an unreadable or unparsable file, or a value
+    // that does not convert to its key's type.
+    explicit PredictorParams(const std::string& configFile);
+
+    ModelPredictorParams modelParams;
+    QueueFullPolicy queueFullPolicy = QueueFullPolicy::Block;
+    std::string cpusetFile;          // inference thread's cpuset task file; empty: none
+    int32_t coreAffinity = -1;       // core for the inference thread when no cpuset file; -1: none
+    bool enableDataWriting = false;
+    bool canControlDataWritingAtRunTime = false;
+    int32_t chunkSizeInRecords = 100;
+    int32_t numChunksInFile = 10000;
+    std::string dataFileNameSuffix;
+    std::string dataFileDirectory;
+    int32_t diskFillPercentTh = 30;  // highest disk fill, percent, at which a new recording file opens
+    std::string logTag = "StylusPredictor-params";
+};
+
+}  // namespace styluspipeline
