@@ -1,0 +1,72 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "DataQueue.h"
+#include "ModelPredictor.h"
+#include "PredictorParams.h"
+#include "StylusDataWriter.h"
+#include "StylusPointMessage.h"
+#include "StylusStrokePredictor.h"
+
+namespace styluspipeline {
+
+// The prediction pipeline behind one handle: configuration, input queue, model, inference thread
+// and the optional recorder. Host threads call in; one inference thread works the queue.
+class StylusStrokePredictorImpl {
+public:
+    // Throws when the configuration or the model cannot be loaded, or the thread cannot start.
+    explicit StylusStrokePredictorImpl(const StylusPredictionParams& hostParams);
+    // Stops the queue, lets the inference thread finish a queued batch, then tears down.
+    ~StylusStrokePredictorImpl();
+    StylusStrokePredictorImpl(const StylusStrokePredictorImpl&) = delete;
+    StylusStrokePredictorImpl& operator=(const StylusStrokePredictorImpl&) = delete;
+
+    // True if queued. Under Reject Newest a batch arriving while another waits is refused.
+    bool sendInputTouchPoints(const StylusPointMessage& message);
+    void runModelInference();
+    bool areAllInputPointsProcessed() const;
+    int numPredictedPoints() const;
+
+    void setCurrentThreadCoreAffinity();
+
+    bool controlDataWriting(bool enable);
+    bool getUserDataCollectConsentFromPersistenceFile(const std::string& path, int& value);
+    bool setUserDataCollectConsentToPersistenceFile(const std::string& path, int value);
+
+    float getMetricsDistanceError();
+    float getMetricsAngleDevError();
+    bool getMetricsAreValid();
+    unsigned int getMetricsEventCount();
+
+private:
+    void recordBatch(const StylusPointMessage& message);
+    void deliverPredictions(const StylusPointMessage& message, const PredictedStylusTouchPointsCpp& result);
+
+    std::string logTag = "StylusPredictor";
+    int32_t statsInterval = 120;
+    std::string consentFileName = "data_collect_user_pref";
+    int64_t maxModelLatencyUs = 0;
+    // Host threads update these without a lock and may lose counts; only a log line depends on them.
+    // Relaxed atomics keep that looseness without a data race.
+    std::atomic<int32_t> inputCallCount{0};
+    std::atomic<int32_t> queueFullCount{0};
+    PredictorParams params;
+    std::string consentFilePath;
+    DataQueue<StylusPointMessage> inputQueue;
+    ModelPredictor modelPredictor;
+    std::thread inferenceThread;
+    std::map<unsigned long, StylusTouchPoint> lastInputPoints;
+    StylusPredictionCallback onPredictions;
+    StylusInputPointsCallback onInputPoints;
+    std::atomic<bool> allInputProcessed{false};
+    std::unique_ptr<StylusDataWriter> dataWriter;
+    std::atomic<bool> dataWritingEnabled{false};
+};
+
+}  // namespace styluspipeline

@@ -1,0 +1,83 @@
+// The exported C entry points. Each forwards to the pipeline behind the handle; results of the
+// members' bool form map to 0 on success and -1 on failure.
+#include <cstdlib>
+
+#include "StylusPointMessage.h"
+#include "StylusStrokePredictor.h"
+#include "StylusStrokePredictorImpl.h"
+#include "velmar/Log.h"
+
+#define VELMAR_LOG_SOURCE "src/StylusStrokePredictor"
+
+struct StylusLibHandle {
+    styluspipeline::StylusStrokePredictorImpl* impl;
+};
+
+extern "C" {
+
+StylusLibHandle* InitStylusLib(const StylusPredictionParams* params) {
+    auto* handle = static_cast<StylusLibHandle*>(std::calloc(1, sizeof(StylusLibHandle)));
+    try {
+        handle->impl = new styluspipeline::StylusStrokePredictorImpl(*params);
+    } catch (...) {
+        // The pipeline's storage is already released by the failed new; release the handle too.
+        std::free(handle);
+        throw;
+    }
+    return handle;
+}
+
+void DeInitStylusLib(StylusLibHandle* handle) {
+    if (handle == nullptr) {
+        return;
+    }
+    styluspipeline::StylusStrokePredictorImpl* impl = handle->impl;
+    handle->impl = nullptr;
+    if (impl != nullptr) {
+        delete impl;
+    }
+    std::free(handle);
+}
+
+int sendInputTouchPoints(StylusLibHandle* handle, const StylusTouchPoint* points, int numPoints) {
+    static const std::string kInputTag = "StylusPredictorInput";
+    StylusPointMessage message;
+    // Scan from the end: the last pen-down or pen-up sample marks the stroke boundary, and only the
+    // move samples after it are kept (the latest sample wins for a repeated timestamp).
+    for (int index = numPoints - 1; index >= 0; --index) {
+        const StylusTouchPoint& point = points[index];
+        if (point.tag == STYLUS_TAG_PEN_DOWN) {
+            message.hasStrokeBoundary = true;
+            message.strokeBoundaryPoint = point;
+            VELMAR_LOG(velmar::Verbose, kInputTag, "Down Event detected ; numPoints : " << numPoints);
+            break;
+        }
+        if (point.tag == STYLUS_TAG_PEN_UP) {
+            message.hasStrokeBoundary = true;
+            message.strokeBoundaryPoint = point;
+            VELMAR_LOG(velmar::Verbose, kInputTag, "Up Event detected ; numPoints : " << numPoints);
+            break;
+        }
+        message.points.emplace(point.timestamp, point);
+    }
+    VELMAR_LOG(velmar::Verbose, kInputTag, "Sending a batch of " << numPoints << " points");
+    return handle->impl->sendInputTouchPoints(message) ? 0 : -1;
+}
+
+int areAllInputPointsProcessed(StylusLibHandle* handle) {
+    return handle->impl->areAllInputPointsProcessed() ? 1 : 0;
+}
+
+int numPredictedPoints(StylusLibHandle* handle) { return handle->impl->numPredictedPoints(); }
+
+int controlDataWriting(StylusLibHandle* handle, int enable) {
+    return handle->impl->controlDataWriting(enable != 0) ? 0 : -1;
+}
+
+float getMetricsDistanceError(StylusLibHandle* handle) { return handle->impl->getMetricsDistanceError(); }
+
+float getMetricsAngleDevError(StylusLibHandle* handle) { return handle->impl->getMetricsAngleDevError(); }
+
+bool getMetricsAreValid(StylusLibHandle* handle) { return handle->impl->getMetricsAreValid(); }
+
+}  // extern "C"

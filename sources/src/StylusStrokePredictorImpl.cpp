@@ -1,0 +1,263 @@
+#include "StylusStrokePredictorImpl.h"
+
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <vector>
+
+#include "velmar/Log.h"
+
+#define VELMAR_LOG_SOURCE "src/StylusStrokePredictorImpl"
+
+namespace styluspipeline {
+
+StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParams& hostParams)
+    : params(std::string(hostParams.configFilePath)),
+      consentFilePath(params.dataFileDirectory + "/" + consentFileName),
+      inputQueue(1, params.queueFullPolicy),
+      modelPredictor(params.modelParams),
+      onPredictions(hostParams.onPredictions),
+      onInputPoints(hostParams.onInputPoints) {
+    inferenceThread = std::thread(&StylusStrokePredictorImpl::runModelInference, this);
+
+    if (params.enableDataWriting) {
+        VELMAR_LOG(velmar::Info, logTag, "Stylus Data Writing enabled");
+        StylusDataWriterParams writerParams;
+        writerParams.dataFileDirectory = params.dataFileDirectory;
+        writerParams.dataFileNameSuffix = params.dataFileNameSuffix;
+        writerParams.chunkSizeInRecords = params.chunkSizeInRecords;
+        writerParams.numChunksInFile = params.numChunksInFile;
+        writerParams.diskFillPercentTh = params.diskFillPercentTh;
+        try {
+            dataWriter = std::make_unique<StylusDataWriter>(writerParams);
+        } catch (...) {
+            // The inference thread is already running: stop it before the exception unwinds us.
+            inputQueue.stop();
+            inferenceThread.join();
+            throw;
+        }
+    }
+
+    int consent = -1;
+    if (getUserDataCollectConsentFromPersistenceFile(consentFilePath, consent)) {
+        VELMAR_LOG(velmar::Info, logTag, " User Persist Value : " << consent);
+        if (consent >= 1) {
+            dataWritingEnabled.store(true);
+            VELMAR_LOG(velmar::Info, logTag, "Data Writing enabled for runtime control");
+        }
+    }
+    VELMAR_LOG(velmar::Info, logTag, "StylusStrokePredictor constructor");
+}
+
+StylusStrokePredictorImpl::~StylusStrokePredictorImpl() {
+    inputQueue.stop();
+    if (inferenceThread.joinable()) {
+        inferenceThread.join();
+    }
+    VELMAR_LOG(velmar::Info, logTag, "StylusStrokePredictor destructor");
+}
+
+bool StylusStrokePredictorImpl::sendInputTouchPoints(const StylusPointMessage& message) {
+    const bool pushed = inputQueue.push(message);
+    const int32_t calls = inputCallCount.load(std::memory_order_relaxed) + 1;
+    inputCallCount.store(calls, std::memory_order_relaxed);
+    if (calls >= statsInterval) {
+        const int32_t refused = queueFullCount.load(std::memory_order_relaxed);
+        if (refused >= 1) {
+            VELMAR_LOG(velmar::Info, logTag,
+                       "QueueFullCount : " << refused << " over last " << statsInterval << " iterations ");
+        }
+        inputCallCount.store(0, std::memory_order_relaxed);
+        queueFullCount.store(0, std::memory_order_relaxed);
+    } else if (!pushed) {
+        queueFullCount.store(queueFullCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    return pushed;
+}
+
+void StylusStrokePredictorImpl::runModelInference() {
+    setCurrentThreadCoreAffinity();
+
+    int32_t iterations = 0;
+    int64_t latencySum = 0;
+    StylusPointMessage message;
+    PredictedStylusTouchPointsCpp result;
+    while (true) {
+        message = StylusPointMessage();
+        if (!inputQueue.pop(message)) {
+            return;
+        }
+        allInputProcessed.store(false);
+
+        result.timestamp = 0;
+        result.coordinates.clear();
+        result.preprocessLatencyUs = 0;
+        result.modelLatencyUs = 0;
+        const bool ok = modelPredictor.predictStylusTouchPoints(message.points, message.hasStrokeBoundary, result);
+
+        recordBatch(message);
+
+        if (!ok) {
+            allInputProcessed.store(true);
+            VELMAR_LOG(velmar::Verbose, logTag, "Predictions not available yet");
+            continue;
+        }
+
+        deliverPredictions(message, result);
+
+        VELMAR_LOG(velmar::Verbose, logTag, "ModelLatency in us : " << result.modelLatencyUs);
+        ++iterations;
+        if (iterations < statsInterval) {
+            maxModelLatencyUs = std::max(maxModelLatencyUs, result.modelLatencyUs);
+            latencySum += result.modelLatencyUs;
+        } else {
+            // The 120th latency joins neither the maximum nor the sum, yet the average divides by 120.
+            VELMAR_LOG(velmar::Info, logTag,
+                       "ModelLatency (max, avg in us) :: (" << maxModelLatencyUs << ", "
+                                                            << static_cast<float>(latencySum) /
+                                                                   static_cast<float>(statsInterval)
+                                                            << ") over last " << statsInterval << " iterations");
+            maxModelLatencyUs = 0;
+            const float distance = modelPredictor.getMetricsDistanceError();
+            const float angle = modelPredictor.getMetricsAngleDevError();
+            const unsigned int count = modelPredictor.getMetricsEventCount();
+            VELMAR_LOG(velmar::Info, logTag,
+                       "Model Accuracy :: Dist Error Mean: " << distance << ", Angle Dev Std: " << angle
+                                                             << ", Count: " << count);
+            latencySum = 0;
+            iterations = 0;
+            maxModelLatencyUs = 0;
+        }
+        allInputProcessed.store(true);
+    }
+}
+
+void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
+    if (!params.enableDataWriting || dataWriter == nullptr) {
+        return;
+    }
+    if (params.canControlDataWritingAtRunTime && !dataWritingEnabled.load()) {
+        return;
+    }
+    if (message.hasStrokeBoundary) {
+        dataWriter->writeStrokeBoundary(message.strokeBoundaryPoint);
+    }
+    if (!dataWriter->writeData(message.points)) {
+        VELMAR_LOG(velmar::Error, logTag, "Data dropped for writing stylus touch data");
+    }
+}
+
+void StylusStrokePredictorImpl::deliverPredictions(const StylusPointMessage& message,
+                                                   const PredictedStylusTouchPointsCpp& result) {
+    // The arrays cross to the host and live only for the duration of its callbacks.
+    const size_t count = result.coordinates.size();
+    auto coordinates = std::make_unique<PredictedStylusCoordinate[]>(count);
+    std::copy(result.coordinates.begin(), result.coordinates.end(), coordinates.get());
+    PredictedStylusTouchPoints flat{};
+    flat.timestamp = result.timestamp;
+    flat.coordinates = coordinates.get();
+    flat.numCoordinates = static_cast<int32_t>(count);
+    flat.preprocessLatencyUs = result.preprocessLatencyUs;
+    flat.modelLatencyUs = result.modelLatencyUs;
+    onPredictions(&flat);
+
+    if (onInputPoints != nullptr) {
+        auto points = std::make_unique<StylusTouchPoint[]>(message.points.size());
+        size_t index = 0;
+        for (const auto& entry : message.points) {
+            points[index++] = entry.second;
+        }
+        onInputPoints(points.get(), static_cast<int>(index));
+    }
+}
+
+bool StylusStrokePredictorImpl::areAllInputPointsProcessed() const {
+    return inputQueue.size() == 0 && allInputProcessed.load();
+}
+
+int StylusStrokePredictorImpl::numPredictedPoints() const { return params.modelParams.num_predictions; }
+
+void StylusStrokePredictorImpl::setCurrentThreadCoreAffinity() {
+    const int64_t tid = static_cast<int64_t>(syscall(SYS_gettid));
+    VELMAR_LOG(velmar::Info, logTag, "Predictive Model Inference Thread ID : " << tid);
+    if (!params.cpusetFile.empty()) {
+        // The cpuset file wins over a core number.
+        FILE* file = std::fopen(params.cpusetFile.c_str(), "a");
+        if (file != nullptr) {
+            std::fprintf(file, "%lld\n", static_cast<long long>(tid));
+            std::fclose(file);
+            VELMAR_LOG(velmar::Info, logTag,
+                       "cpuset file written : " << params.cpusetFile << " for tid : " << tid);
+        } else {
+            VELMAR_LOG(velmar::Error, logTag, "Failed to open cpu set file : " << params.cpusetFile);
+        }
+        return;
+    }
+    if (params.coreAffinity >= 0) {
+        cpu_set_t cpus;
+        CPU_ZERO(&cpus);
+        if (params.coreAffinity < CPU_SETSIZE) {
+            CPU_SET(params.coreAffinity, &cpus);
+        }
+        if (sched_setaffinity(0, sizeof(cpus), &cpus) < 0) {
+            VELMAR_LOG(velmar::Error, logTag, "Cannot set affinity to core : " << params.coreAffinity);
+        } else {
+            VELMAR_LOG(velmar::Info, logTag, "Core affinity set to core : " << params.coreAffinity);
+        }
+    }
+}
+
+bool StylusStrokePredictorImpl::controlDataWriting(bool enable) {
+    if (!params.canControlDataWritingAtRunTime) {
+        VELMAR_LOG(velmar::Error, logTag,
+                   "Cannot control data writing at runtime. Please enable the flag canControlDataWritingAtRunTime "
+                   "in the config file");
+        return false;
+    }
+    if (dataWriter == nullptr) {
+        VELMAR_LOG(velmar::Error, logTag,
+                   "StylusDataWriter not created. Please enable the flag enableDataWriting in the config file");
+        return false;
+    }
+    // A failed write loses only the persistence; the switch still applies to this run.
+    if (!setUserDataCollectConsentToPersistenceFile(consentFilePath, enable ? 1 : 0)) {
+        VELMAR_LOG(velmar::Error, logTag, "Unable to set android system property");
+    }
+    if (enable) {
+        VELMAR_LOG(velmar::Info, logTag, "Data Writing enabled at runtime");
+    } else {
+        VELMAR_LOG(velmar::Info, logTag, "Data Writing disabled at runtime");
+    }
+    dataWritingEnabled.store(enable);
+    return true;
+}
+
+bool StylusStrokePredictorImpl::getUserDataCollectConsentFromPersistenceFile(const std::string& path, int& value) {
+    std::ifstream file(path);
+    if (!file.is_open()) {
+        return false;
+    }
+    file >> value;
+    return true;
+}
+
+bool StylusStrokePredictorImpl::setUserDataCollectConsentToPersistenceFile(const std::string& path, int value) {
+    std::ofstream file(path, std::ios::out | std::ios::trunc);
+    if (!file.is_open()) {
+        return false;
+    }
+    file << value;
+    file.close();
+    return true;
+}
+
+float StylusStrokePredictorImpl::getMetricsDistanceError() { return modelPredictor.getMetricsDistanceError(); }
+float StylusStrokePredictorImpl::getMetricsAngleDevError() { return modelPredictor.getMetricsAngleDevError(); }
+bool StylusStrokePredictorImpl::getMetricsAreValid() { return modelPredictor.getMetricsAreValid(); }
+unsigned int StylusStrokePredictorImpl::getMetricsEventCount() { return modelPredictor.getMetricsEventCount(); }
+
+}  // namespace styluspipeline
