@@ -1,0 +1,541 @@
+// End-to-end behaviour of the library through its exported C functions, with a generated model of
+// known outputs, real configuration files and real recording directories.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "StylusStrokePredictor.h"
+#include "TestSupport.h"
+
+namespace {
+
+using testsupport::LogCapture;
+using testsupport::TempDir;
+namespace fs = boost::filesystem;
+
+constexpr auto kWaitLimit = std::chrono::seconds(30);
+
+// What the host callbacks saw. Callbacks are plain C functions, so the state is global; the gate
+// lets a test hold the inference thread inside onPredictions.
+struct HostRecord {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::pair<uint64_t, std::vector<PredictedStylusCoordinate>>> predictions;
+    std::vector<std::vector<StylusTouchPoint>> inputBatches;
+    bool gateClosed = false;
+    int callbacksInGate = 0;
+
+    void reset() {
+        std::lock_guard<std::mutex> lock(mutex);
+        predictions.clear();
+        inputBatches.clear();
+        gateClosed = false;
+        callbacksInGate = 0;
+    }
+    void closeGate() {
+        std::lock_guard<std::mutex> lock(mutex);
+        gateClosed = true;
+    }
+    void openGate() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            gateClosed = false;
+        }
+        changed.notify_all();
+    }
+    bool waitForPredictions(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, kWaitLimit, [&] { return predictions.size() >= count; });
+    }
+    bool waitForCallbackInGate() {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, kWaitLimit, [&] { return callbacksInGate > 0; });
+    }
+    size_t predictionCount() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return predictions.size();
+    }
+};
+
+HostRecord host;
+
+void onPredictions(const PredictedStylusTouchPoints* result) {
+    std::unique_lock<std::mutex> lock(host.mutex);
+    host.predictions.emplace_back(result->timestamp, std::vector<PredictedStylusCoordinate>(
+                                                         result->coordinates,
+                                                         result->coordinates + result->numCoordinates));
+    ++host.callbacksInGate;
+    host.changed.notify_all();
+    host.changed.wait(lock, [] { return !host.gateClosed; });
+    --host.callbacksInGate;
+}
+
+void onInputPoints(const StylusTouchPoint* points, int numPoints) {
+    std::lock_guard<std::mutex> lock(host.mutex);
+    host.inputBatches.emplace_back(points, points + numPoints);
+}
+
+// Builds a configuration beside a copy of a generated model. Ranges are chosen so that no feature
+// divides by zero; the constant model ignores its input anyway.
+std::string writeConfig(const TempDir& dir, const std::string& pipelineExtra, const std::string& modelExtra = "",
+                        const std::string& model = "const_n10_p5.tflite") {
+    fs::copy_file(std::string(TEST_MODELS_DIR) + "/" + model, dir.file(model), fs::copy_options::overwrite_existing);
+    const std::string config = dir.file("predictor.json");
+    testsupport::writeFile(config, R"({"Pipeline": {"logLevel": "INFO")" + pipelineExtra +
+                                       R"(}, "PredictionModel": {"model_name": ")" + model +
+                                       R"(", "num_historical_points": 10, "min_num_historical_points": 10,
+        "feature_timestamp_min": 0, "feature_timestamp_max": 10, "feature_xpos_min": -5, "feature_xpos_max": 5,
+        "feature_ypos_min": -5, "feature_ypos_max": 5, "feature_pressure_min": -1, "feature_pressure_max": 1,
+        "feature_tilt_min": -1, "feature_tilt_max": 1, "feature_orientation_min": -1,
+        "feature_orientation_max": 1)" + modelExtra + "}}");
+    return config;
+}
+
+StylusTouchPoint sample(uint64_t timestamp, float x, float y, int32_t tag) {
+    StylusTouchPoint point{};
+    point.timestamp = timestamp;
+    point.x_pos = x;
+    point.y_pos = y;
+    point.pressure = 0.5f;
+    point.tilt = 0.25f;
+    point.orientation = 1.5f;
+    point.tag = tag;
+    return point;
+}
+
+// A pen-down at t0 followed by moves every 4 ms, cut as touch hardware reports them: the first batch
+// holds the pen-down and three moves, later batches four moves.
+std::vector<std::vector<StylusTouchPoint>> strokeBatches(uint64_t t0, int batches) {
+    std::vector<std::vector<StylusTouchPoint>> result;
+    int move = 0;
+    for (int b = 0; b < batches; ++b) {
+        std::vector<StylusTouchPoint> batch;
+        if (b == 0) {
+            batch.push_back(sample(t0, 100.0f, 200.0f, STYLUS_TAG_PEN_DOWN));
+        }
+        while (batch.size() < 4) {
+            ++move;
+            batch.push_back(sample(t0 + 4 * move, 100.0f + 2.0f * move, 200.0f + 1.0f * move, STYLUS_TAG_MOVE));
+        }
+        result.push_back(batch);
+    }
+    return result;
+}
+
+class Pipeline {
+public:
+    explicit Pipeline(const std::string& config, bool withInputCallback = true) {
+        StylusPredictionParams params{config.c_str(), &onPredictions, withInputCallback ? &onInputPoints : nullptr};
+        handle = InitStylusLib(&params);
+    }
+    // Releases a held callback first, so that a failed assertion cannot leave the shutdown waiting.
+    ~Pipeline() {
+        host.openGate();
+        stop();
+    }
+    void stop() {
+        DeInitStylusLib(handle);
+        handle = nullptr;
+    }
+    int send(const std::vector<StylusTouchPoint>& batch) {
+        return sendInputTouchPoints(handle, batch.data(), static_cast<int>(batch.size()));
+    }
+    // Waits until the inference thread has handled everything queued; bounded, never a fixed sleep.
+    bool waitIdle() {
+        const auto limit = std::chrono::steady_clock::now() + kWaitLimit;
+        while (areAllInputPointsProcessed(handle) == 0) {
+            if (std::chrono::steady_clock::now() > limit) {
+                return false;
+            }
+            std::this_thread::yield();
+        }
+        return true;
+    }
+    StylusLibHandle* handle = nullptr;
+};
+
+std::vector<std::string> datFiles(const std::string& dir) {
+    std::vector<std::string> files;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        files.push_back(entry.path().filename().string());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// Rows of every recording file in the directory, header checked and dropped, in file-name order.
+std::vector<std::string> recordedRows(const std::string& dir) {
+    std::vector<std::string> rows;
+    for (const auto& name : datFiles(dir)) {
+        if (name.size() < 4 || name.compare(name.size() - 4, 4, ".dat") != 0) {
+            continue;
+        }
+        std::ifstream in(dir + "/" + name);
+        std::string line;
+        std::getline(in, line);
+        EXPECT_EQ(line, "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag");
+        while (std::getline(in, line)) {
+            rows.push_back(line);
+        }
+    }
+    return rows;
+}
+
+class PipelineTest : public ::testing::Test {
+protected:
+    void SetUp() override { host.reset(); }
+    void TearDown() override { host.openGate(); }
+    TempDir dir;
+};
+
+TEST_F(PipelineTest, PredictionsCarryExactCoordinatesTimestampsAndInputPoints) {
+    Pipeline pipeline(writeConfig(dir, ""));
+    EXPECT_EQ(areAllInputPointsProcessed(pipeline.handle), 0) << "nothing handled yet";
+    EXPECT_EQ(numPredictedPoints(pipeline.handle), 5);
+
+    const auto batches = strokeBatches(1000, 3);
+    for (const auto& batch : batches) {
+        ASSERT_EQ(pipeline.send(batch), 0);
+    }
+    ASSERT_TRUE(host.waitForPredictions(1));
+    ASSERT_TRUE(pipeline.waitIdle());
+    EXPECT_EQ(areAllInputPointsProcessed(pipeline.handle), 1);
+    pipeline.stop();
+
+    // Eleven moves fill the history of ten rows: only the third batch predicts.
+    ASSERT_EQ(host.predictions.size(), 1u);
+    const StylusTouchPoint& newest = batches[2].back();
+    EXPECT_EQ(host.predictions[0].first, newest.timestamp);
+    // The constant model yields displacements 0.1 * (j + 1) mm and logits (-1, 2, -3, -4, -5):
+    // the second point lies past the stroke end and is dropped, the later ones are kept.
+    const float pixelsPerMm = static_cast<float>(213u) / 25.4f;
+    const std::vector<int> kept = {0, 2, 3, 4};
+    const auto& coordinates = host.predictions[0].second;
+    ASSERT_EQ(coordinates.size(), kept.size());
+    for (size_t n = 0; n < kept.size(); ++n) {
+        const int i = kept[n];
+        SCOPED_TRACE("prediction " + std::to_string(i));
+        EXPECT_EQ(coordinates[n].timestamp, newest.timestamp + 4u * static_cast<uint64_t>(i + 1));
+        EXPECT_FLOAT_EQ(coordinates[n].x, newest.x_pos + static_cast<float>(0.1 * (2 * i + 1)) * pixelsPerMm);
+        EXPECT_FLOAT_EQ(coordinates[n].y, newest.y_pos + static_cast<float>(0.1 * (2 * i + 2)) * pixelsPerMm);
+    }
+    ASSERT_EQ(host.inputBatches.size(), 1u);
+    ASSERT_EQ(host.inputBatches[0].size(), 4u);
+    for (size_t n = 0; n < 4; ++n) {
+        EXPECT_EQ(host.inputBatches[0][n].timestamp, batches[2][n].timestamp);
+    }
+}
+
+TEST_F(PipelineTest, BatchesAreScannedFromTheirEnd) {
+    const std::string recordings = dir.file("rec");
+    fs::create_directory(recordings);
+    Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 1,
+        "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\""));
+    // Pen down in the middle: the sample before it is lost, the boundary is recorded first.
+    EXPECT_EQ(pipeline.send({sample(1, 1, 1, 2), sample(2, 2, 2, 0), sample(3, 3, 3, 2), sample(4, 4, 4, 2)}), 0);
+    // A repeated timestamp keeps the later sample of the array.
+    EXPECT_EQ(pipeline.send({sample(10, 1.5f, 1, 2), sample(10, 2.5f, 2, 2)}), 0);
+    // Pen up last: a boundary and no points, the moves before it are dropped.
+    EXPECT_EQ(pipeline.send({sample(11, 5, 5, 2), sample(12, 6, 6, 2), sample(13, 7, 7, 1)}), 0);
+    // An empty batch is still queued.
+    LogCapture log(velmar::Verbose);
+    EXPECT_EQ(sendInputTouchPoints(pipeline.handle, nullptr, 0), 0);
+    EXPECT_TRUE(log.contains("Sending a batch of 0 points"));
+    pipeline.stop();
+
+    const std::vector<std::string> expected = {
+        "2,2.0000000,2.0000000,0.5000000,0.2500000,1.5000000,0",
+        "3,3.0000000,3.0000000,0.5000000,0.2500000,1.5000000,2",
+        "4,4.0000000,4.0000000,0.5000000,0.2500000,1.5000000,2",
+        "10,2.5000000,2.0000000,0.5000000,0.2500000,1.5000000,2",
+        "13,7.0000000,7.0000000,0.5000000,0.2500000,1.5000000,1",
+    };
+    EXPECT_EQ(recordedRows(recordings), expected);
+}
+
+TEST_F(PipelineTest, RejectNewestRefusesWhileABatchIsQueuedAndShutdownDrainsIt) {
+    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject Newest")"));
+    const auto batches = strokeBatches(0, 5);
+    host.closeGate();
+    for (int b = 0; b < 3; ++b) {
+        ASSERT_EQ(pipeline.send(batches[b]), 0);
+        if (b < 2) {
+            ASSERT_TRUE(pipeline.waitIdle());
+        }
+    }
+    ASSERT_TRUE(host.waitForCallbackInGate());  // the inference thread is held inside onPredictions
+    EXPECT_EQ(pipeline.send(batches[3]), 0) << "room for one queued batch";
+    EXPECT_EQ(pipeline.send(batches[4]), -1) << "refused while the batch waits";
+    EXPECT_EQ(areAllInputPointsProcessed(pipeline.handle), 0);
+    host.openGate();
+    pipeline.stop();
+    // The queued batch was processed before the shutdown completed; the refused one never was.
+    ASSERT_EQ(host.predictions.size(), 2u);
+    EXPECT_EQ(host.predictions[1].first, batches[3].back().timestamp);
+}
+
+TEST_F(PipelineTest, BlockPolicyHoldsTheSenderUntilThereIsRoom) {
+    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Block")"));
+    const auto batches = strokeBatches(0, 5);
+    host.closeGate();
+    for (int b = 0; b < 4; ++b) {
+        ASSERT_EQ(pipeline.send(batches[b]), 0);
+    }
+    ASSERT_TRUE(host.waitForCallbackInGate());
+    std::atomic<bool> returned{false};
+    std::atomic<int> result{1};
+    std::thread sender([&] {
+        result = pipeline.send(batches[4]);
+        returned = true;
+    });
+    // The queue holds batch 3 and the inference thread is held, so the sender cannot have got through.
+    EXPECT_FALSE(returned.load());
+    host.openGate();
+    sender.join();
+    EXPECT_EQ(result.load(), 0);
+    pipeline.stop();
+    EXPECT_EQ(host.predictions.size(), 3u);
+}
+
+TEST_F(PipelineTest, QueueFullCountIsLoggedAfter120Calls) {
+    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject")"));
+    LogCapture log(velmar::Info);
+    const auto batches = strokeBatches(0, 4);
+    host.closeGate();
+    for (int b = 0; b < 3; ++b) {
+        ASSERT_EQ(pipeline.send(batches[b]), 0);
+        if (b < 2) {
+            ASSERT_TRUE(pipeline.waitIdle());
+        }
+    }
+    ASSERT_TRUE(host.waitForCallbackInGate());
+    ASSERT_EQ(pipeline.send(batches[3]), 0);
+    for (int call = 5; call <= 120; ++call) {
+        ASSERT_EQ(pipeline.send(batches[3]), -1);
+    }
+    // Refusals of calls 5 to 119 are counted; the 120th call logs and resets without counting its own.
+    EXPECT_EQ(log.count("QueueFullCount : 115 over last 120 iterations "), 1);
+    host.openGate();
+}
+
+TEST_F(PipelineTest, SummariesAreLoggedEvery120Predictions) {
+    Pipeline pipeline(writeConfig(dir, ""), false);
+    LogCapture log(velmar::Info);
+    // One stroke: the third batch predicts first, so 242 batches give 240 predictions.
+    const auto batches = strokeBatches(0, 242);
+    for (const auto& batch : batches) {
+        ASSERT_EQ(pipeline.send(batch), 0);
+    }
+    pipeline.stop();
+    EXPECT_EQ(host.predictions.size(), 240u);
+    EXPECT_EQ(log.countPrefix("ModelLatency (max, avg in us) :: ("), 2);
+    EXPECT_EQ(log.countPrefix("Model Accuracy :: Dist Error Mean: "), 2);
+    for (const auto& line : log.messages()) {
+        if (line.rfind("ModelLatency (max", 0) == 0) {
+            EXPECT_NE(line.find(") over last 120 iterations"), std::string::npos) << line;
+        }
+    }
+}
+
+TEST_F(PipelineTest, RecordsEveryAcceptedSampleInOrderWithOpenPermissions) {
+    const std::string recordings = dir.file("rec");
+    fs::create_directory(recordings);
+    Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 7,
+        "numChunksInFile": 1000, "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\""));
+    const auto batches = strokeBatches(500, 12);
+    for (const auto& batch : batches) {
+        ASSERT_EQ(pipeline.send(batch), 0);
+    }
+    pipeline.stop();
+
+    std::vector<std::string> expected;
+    for (const auto& batch : batches) {
+        for (const auto& point : batch) {
+            expected.push_back(std::to_string(point.timestamp));
+        }
+    }
+    std::vector<std::string> timestamps;
+    for (const auto& row : recordedRows(recordings)) {
+        timestamps.push_back(row.substr(0, row.find(',')));
+    }
+    EXPECT_EQ(timestamps, expected);
+    for (const auto& name : datFiles(recordings)) {
+        EXPECT_EQ(name.find(".tmp"), std::string::npos) << name;
+        struct stat info {};
+        ASSERT_EQ(::stat((recordings + "/" + name).c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0666u) << name;
+    }
+}
+
+TEST_F(PipelineTest, TooFullDiskSkipsRecording) {
+    const std::string recordings = dir.file("rec");
+    fs::create_directory(recordings);
+    LogCapture log(velmar::Info);
+    Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 2,
+        "diskFillPercentTh": -1, "dataFileDirectory": ")" + recordings + "\""));
+    ASSERT_EQ(pipeline.send(strokeBatches(0, 1)[0]), 0);
+    pipeline.stop();
+    EXPECT_TRUE(datFiles(recordings).empty());
+    EXPECT_GE(log.countPrefix("Disk Fill Percentage : "), 1);
+}
+
+TEST_F(PipelineTest, ConsentFileAndRuntimeControl) {
+    const std::string recordings = dir.file("rec");
+    fs::create_directory(recordings);
+    const std::string consent = recordings + "/data_collect_user_pref";
+    const std::string config = writeConfig(dir, R"(, "enableDataWriting": true, "canControlDataWritingAtRunTime": true,
+        "chunkSizeInRecords": 1, "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\"");
+
+    for (const std::string content : {"0", "-3", "abc", ""}) {
+        testsupport::writeFile(consent, content);
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(config);
+        EXPECT_FALSE(log.contains("Data Writing enabled for runtime control")) << "content '" << content << "'";
+    }
+    {
+        testsupport::writeFile(consent, "7");
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(config);
+        EXPECT_TRUE(log.contains(" User Persist Value : 7"));
+        EXPECT_TRUE(log.contains("Data Writing enabled for runtime control"));
+    }
+
+    fs::remove(consent);
+    Pipeline pipeline(config);
+    // No consent yet: batches are not recorded until the host switches recording on.
+    ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
+    ASSERT_TRUE(pipeline.waitIdle());
+    EXPECT_EQ(controlDataWriting(pipeline.handle, 5), 0);
+    EXPECT_EQ(testsupport::readFile(consent), "1");
+    ASSERT_EQ(pipeline.send({sample(2, 2, 2, 0)}), 0);
+    ASSERT_TRUE(pipeline.waitIdle());
+    EXPECT_EQ(controlDataWriting(pipeline.handle, 0), 0);
+    EXPECT_EQ(testsupport::readFile(consent), "0");
+    ASSERT_EQ(pipeline.send({sample(3, 3, 3, 0)}), 0);
+    pipeline.stop();
+    ASSERT_EQ(recordedRows(recordings).size(), 1u);
+    EXPECT_EQ(recordedRows(recordings)[0].substr(0, 2), "2,");
+}
+
+TEST_F(PipelineTest, RuntimeControlRefusals) {
+    {
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "diskFillPercentTh": 100,
+            "dataFileDirectory": ")" + dir.path() + "\""));
+        EXPECT_EQ(controlDataWriting(pipeline.handle, 1), -1);
+        EXPECT_TRUE(log.contains("Cannot control data writing at runtime. Please enable the flag "
+                                 "canControlDataWritingAtRunTime in the config file"));
+        EXPECT_FALSE(fs::exists(dir.file("data_collect_user_pref")));
+    }
+    {
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "canControlDataWritingAtRunTime": true,
+            "dataFileDirectory": ")" + dir.path() + "\""));
+        EXPECT_EQ(controlDataWriting(pipeline.handle, 1), -1);
+        EXPECT_TRUE(log.contains(
+            "StylusDataWriter not created. Please enable the flag enableDataWriting in the config file"));
+    }
+    {
+        // Without a recorder a consent of 1 still switches the runtime flag on.
+        testsupport::writeFile(dir.file("data_collect_user_pref"), "1");
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "dataFileDirectory": ")" + dir.path() + "\""));
+        EXPECT_TRUE(log.contains("Data Writing enabled for runtime control"));
+    }
+    {
+        // An unwritable consent file loses only the persistence.
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "canControlDataWritingAtRunTime": true,
+            "diskFillPercentTh": 100, "dataFileDirectory": ")" + dir.file("missing") + "\""));
+        EXPECT_EQ(controlDataWriting(pipeline.handle, 1), 0);
+        EXPECT_TRUE(log.contains("Unable to set android system property"));
+        EXPECT_TRUE(log.contains("Data Writing enabled at runtime"));
+    }
+}
+
+TEST_F(PipelineTest, InferenceThreadPlacement) {
+    const std::string cpuset = dir.file("tasks");
+    for (int run = 0; run < 2; ++run) {
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "cpusetFile": ")" + cpuset + R"(", "coreaffinity": 0)"));
+        ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
+        ASSERT_TRUE(pipeline.waitIdle());
+        EXPECT_EQ(log.countPrefix("cpuset file written : " + cpuset + " for tid : "), 1);
+        EXPECT_EQ(log.countPrefix("Core affinity set to core : "), 0);
+    }
+    // Two starts append two lines of thread ids.
+    const std::string content = testsupport::readFile(cpuset);
+    EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 2);
+
+    {
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "cpusetFile": ")" + dir.file("no/such/dir/tasks") + "\""));
+        ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
+        ASSERT_TRUE(pipeline.waitIdle());
+        EXPECT_TRUE(log.contains("Failed to open cpu set file : " + dir.file("no/such/dir/tasks")));
+    }
+    {
+        LogCapture log(velmar::Info);
+        Pipeline pipeline(writeConfig(dir, R"(, "coreaffinity": 1024)"));
+        ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
+        ASSERT_TRUE(pipeline.waitIdle());
+        EXPECT_TRUE(log.contains("Cannot set affinity to core : 1024"));
+    }
+}
+
+TEST_F(PipelineTest, StartupFailuresPropagateAndNullHandleIsIgnored) {
+    DeInitStylusLib(nullptr);
+    StylusPredictionParams missingConfig{"/nonexistent/predictor.json", &onPredictions, nullptr};
+    EXPECT_ANY_THROW(InitStylusLib(&missingConfig));
+    const std::string config = writeConfig(dir, "", "", "const_n10_p5.tflite");
+    testsupport::writeFile(dir.file("predictor.json"),
+                           R"({"PredictionModel": {"model_name": "absent.tflite"}})");
+    StylusPredictionParams missingModel{config.c_str(), &onPredictions, nullptr};
+    EXPECT_ANY_THROW(InitStylusLib(&missingModel));
+}
+
+TEST_F(PipelineTest, ConcurrentSendersControlAndGettersThenShutdown) {
+    const std::string recordings = dir.file("rec");
+    fs::create_directory(recordings);
+    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject Newest", "enableDataWriting": true,
+        "canControlDataWritingAtRunTime": true, "chunkSizeInRecords": 16, "diskFillPercentTh": 100,
+        "dataFileDirectory": ")" + recordings + "\""));
+    std::atomic<int> accepted{0};
+    std::vector<std::thread> senders;
+    for (int s = 0; s < 3; ++s) {
+        senders.emplace_back([&, s] {
+            const auto batches = strokeBatches(100000u * static_cast<uint64_t>(s + 1), 150);
+            for (const auto& batch : batches) {
+                accepted += pipeline.send(batch) == 0 ? 1 : 0;
+            }
+        });
+    }
+    std::thread controller([&] {
+        for (int i = 0; i < 200; ++i) {
+            EXPECT_EQ(controlDataWriting(pipeline.handle, i % 2), 0);
+            (void)getMetricsDistanceError(pipeline.handle);
+            (void)getMetricsAngleDevError(pipeline.handle);
+            (void)getMetricsAreValid(pipeline.handle);
+            (void)areAllInputPointsProcessed(pipeline.handle);
+        }
+    });
+    for (auto& sender : senders) {
+        sender.join();
+    }
+    controller.join();
+    pipeline.stop();
+    EXPECT_GT(accepted.load(), 0);
+    EXPECT_LE(host.predictionCount(), static_cast<size_t>(accepted.load()));
+}
+
+}  // namespace

@@ -1,0 +1,20 @@
+#!/bin/sh
+# Fails unless the shared library's dynamic symbol table defines exactly the nine C entry points.
+set -eu
+lib=$1
+expected="DeInitStylusLib
+InitStylusLib
+areAllInputPointsProcessed
+controlDataWriting
+getMetricsAngleDevError
+getMetricsAreValid
+getMetricsDistanceError
+numPredictedPoints
+sendInputTouchPoints"
+actual=$(nm -D --defined-only "$lib" | awk '{print $NF}' | sort)
+if [ "$actual" != "$expected" ]; then
+  echo "exported symbols differ from the nine entry points:" >&2
+  echo "$actual" >&2
+  exit 1
+fi
+echo "exactly the nine entry points are exported"
