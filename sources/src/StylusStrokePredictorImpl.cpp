@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <vector>
 
@@ -97,7 +98,15 @@ void StylusStrokePredictorImpl::runModelInference() {
         result.coordinates.clear();
         result.preprocessLatencyUs = 0;
         result.modelLatencyUs = 0;
-        const bool ok = modelPredictor.predictStylusTouchPoints(message.points, message.hasStrokeBoundary, result);
+        bool ok = false;
+        try {
+            ok = modelPredictor.predictStylusTouchPoints(message.points, message.hasStrokeBoundary, result);
+        } catch (const std::exception& error) {
+            // An exception leaving this thread would end the host process. The predictor throws only
+            // on batches its history cannot take (a first batch longer than the history); that batch
+            // yields no prediction and the thread goes on with the next one.
+            VELMAR_LOG(velmar::Error, logTag, "Prediction failed : " << error.what());
+        }
 
         recordBatch(message);
 
