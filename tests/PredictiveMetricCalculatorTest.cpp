@@ -1,0 +1,372 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "PredictiveMetricCalculator.h"
+#include "TestSupport.h"
+
+using styluspipeline::PredictiveMetricCalculator;
+using testsupport::LogCapture;
+
+namespace {
+
+const double kPi = 3.141592653589793;
+
+StylusTouchPoint pt(float x, float y) {
+    StylusTouchPoint p{};
+    p.x_pos = x;
+    p.y_pos = y;
+    return p;
+}
+
+PredictedStylusCoordinate coord(float x, float y) { return PredictedStylusCoordinate{0, x, y}; }
+
+// A batch whose first and last samples matter to the pairing; the middle repeats the first.
+std::vector<StylusTouchPoint> batch(StylusTouchPoint first, StylusTouchPoint last, size_t size = 4) {
+    std::vector<StylusTouchPoint> points(size, first);
+    points.back() = last;
+    return points;
+}
+
+std::vector<PredictedStylusCoordinate> preds(PredictedStylusCoordinate last, size_t size = 5) {
+    std::vector<PredictedStylusCoordinate> coords(size, coord(-1, -1));
+    coords.back() = last;
+    return coords;
+}
+
+// One inference in the model predictor's order: ground truth first, then the new predictions.
+void infer(PredictiveMetricCalculator& calc, StylusTouchPoint first, StylusTouchPoint last,
+           PredictedStylusCoordinate predicted, size_t predCount = 5) {
+    calc.setGroundTruth(batch(first, last));
+    calc.setPredictions(preds(predicted, predCount));
+}
+
+// Signed angle in degrees from direction a to direction b, computed independently of the class.
+double signedAngle(double ax, double ay, double bx, double by) {
+    double deg = (std::atan2(by, bx) - std::atan2(ay, ax)) * 180.0 / kPi;
+    return deg > 180.0 ? deg - 360.0 : (deg <= -180.0 ? deg + 360.0 : deg);
+}
+
+int priorityOf(const LogCapture& log, const std::string& text) {
+    for (const auto& line : log.lines()) {
+        if (line.message == text) {
+            return line.priority;
+        }
+    }
+    return -1;
+}
+
+bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
+
+class PredictiveMetricCalculatorTest : public ::testing::Test {
+protected:
+    // 0.1 mm per pixel by default; unit = 1 mm per pixel.
+    std::unique_ptr<PredictiveMetricCalculator> make(unsigned target = 50000, unsigned interval = 0,
+                                                     const std::string& file = "", bool unit = false) {
+        return std::make_unique<PredictiveMetricCalculator>(unit ? 1.0f : 254.0f, unit ? 1.0f : 25.4f, target,
+                                                            interval, file.empty() ? path : file);
+    }
+    std::string saved(PredictiveMetricCalculator& calc) {
+        const std::string out = dir.file("saved.txt");
+        calc.saveMetrics(out);
+        return testsupport::readFile(out);
+    }
+
+    testsupport::TempDir dir;
+    const std::string path = dir.file("runningMetrics.txt");
+};
+
+TEST_F(PredictiveMetricCalculatorTest, MeasuresThirdInferenceAfterClearAboutTheVertexOfTheFirst) {
+    auto calc = make();
+    LogCapture log;
+    const StylusTouchPoint vertex = pt(100, 100);
+    infer(*calc, pt(90, 90), vertex, coord(130, 140));
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Setting ground-truth with size: 4",
+                                                        "No matching prediction data, skip calculating metircs",
+                                                        "Missing vertex point, skip this data point",
+                                                        "Setting Predictions", "Prediction is valid: true"}));
+    EXPECT_EQ(priorityOf(log, "No matching prediction data, skip calculating metircs"), velmar::Debug);
+    EXPECT_EQ(priorityOf(log, "Prediction is valid: true"), velmar::Verbose);
+    for (const auto& line : log.lines()) {
+        EXPECT_EQ(line.tag, "StylusPredictor-PredErr");
+    }
+    infer(*calc, pt(101, 101), pt(110, 110), coord(0, 0));
+    EXPECT_EQ(log.count("No matching prediction data, skip calculating metircs"), 2);
+    EXPECT_EQ(log.count("Missing vertex point, skip this data point"), 2);
+    EXPECT_EQ(calc->getEventCount(), 0u);
+
+    log.clear();
+    calc->setGroundTruth(batch(pt(124, 148), pt(120, 120)));
+    EXPECT_EQ(log.count("Missing vertex point, skip this data point"), 0);
+    EXPECT_TRUE(log.contains("Error calculated for  the count 0 for x_gt: 130 y_gt: 140 x_pred: 124 y_pred: 148 is 10"));
+    EXPECT_EQ(log.countPrefix("Angle Error calculated for the count 0 for vec1_x: 30 vec1_y: 40 vec2_x: 24 "
+                              "vec2_y: 48 is 10.30"), 1);
+    EXPECT_EQ(calc->getEventCount(), 1u);
+    EXPECT_NEAR(calc->getDistanceErrorMean(), std::hypot(130.0 - 124.0, 140.0 - 148.0) * 25.4 / 254.0, 1e-5);
+    EXPECT_NEAR(calc->getAngleDevMean(), signedAngle(30, 40, 24, 48), 1e-4);
+    EXPECT_EQ(calc->getLastVertex().y_pos, vertex.y_pos);
+
+    // A stroke boundary keeps the statistics and the vertex but restarts the pairing.
+    calc->strokeClear();
+    infer(*calc, pt(0, 0), pt(1, 1), coord(5, 5));
+    infer(*calc, pt(2, 2), pt(3, 3), coord(5, 5));
+    EXPECT_EQ(calc->getEventCount(), 1u);
+    EXPECT_EQ(calc->getLastVertex().y_pos, vertex.y_pos);
+    calc->setGroundTruth(batch(pt(4, 4), pt(5, 5)));
+    EXPECT_EQ(calc->getEventCount(), 2u);
+}
+
+TEST_F(PredictiveMetricCalculatorTest, InvalidPredictionSetsAreSkippedButConsumeTheirVertex) {
+    auto calc = make();
+    LogCapture log;
+    infer(*calc, pt(0, 0), pt(10, 0), coord(50, 50), 4);
+    infer(*calc, pt(11, 0), pt(20, 0), coord(50, 50), 6);
+    infer(*calc, pt(21, 0), pt(30, 0), coord(40, 10));
+    infer(*calc, pt(31, 0), pt(40, 0), coord(0, 0));
+    EXPECT_EQ(log.count("Prediction is valid: false"), 2);
+    EXPECT_EQ(log.count("Invalid prediction data, skip this data point"), 2);
+    EXPECT_EQ(priorityOf(log, "Invalid prediction data, skip this data point"), velmar::Debug);
+    EXPECT_EQ(calc->getEventCount(), 0u);
+
+    // The prediction of the third inference is measured about that inference's last sample.
+    calc->setGroundTruth(batch(pt(50, 10), pt(50, 0)));
+    EXPECT_EQ(calc->getEventCount(), 1u);
+    EXPECT_EQ(calc->getLastVertex().x_pos, 30.0f);
+    EXPECT_NEAR(calc->getAngleDevMean(), signedAngle(40 - 30, 10, 50 - 30, 10), 1e-4);
+}
+
+TEST_F(PredictiveMetricCalculatorTest, GroundTruthOfWrongSizeClearsButQueuesItsLastPoint) {
+    for (size_t size : {3u, 5u}) {
+        SCOPED_TRACE(size);
+        auto calc = make(50000, 0, dir.file("m" + std::to_string(size)));
+        LogCapture log;
+        infer(*calc, pt(0, 0), pt(1, 1), coord(5, 5));
+        infer(*calc, pt(2, 2), pt(3, 3), coord(5, 5));
+        calc->setGroundTruth(batch(pt(4, 4), pt(60, 0), size));
+        EXPECT_EQ(log.count("Setting ground-truth with size: " + std::to_string(size)), 1);
+        EXPECT_EQ(priorityOf(log, "Error in setting GT, insufficient data"), velmar::Debug);
+        EXPECT_EQ(log.count("Clear called, resetting caches"), 1);
+
+        calc->setPredictions(preds(coord(80, 20)));
+        infer(*calc, pt(61, 0), pt(62, 0), coord(0, 0));
+        EXPECT_EQ(calc->getEventCount(), 0u);
+        calc->setGroundTruth(batch(pt(90, 0), pt(91, 0)));
+        EXPECT_EQ(calc->getEventCount(), 1u);
+        EXPECT_EQ(calc->getLastVertex().x_pos, 60.0f);
+    }
+}
+
+TEST_F(PredictiveMetricCalculatorTest, ThirdPendingPredictionResetsBothQueues) {
+    auto calc = make();
+    LogCapture log;
+    calc->setGroundTruth(batch(pt(0, 0), pt(1, 1)));
+    calc->setPredictions(preds(coord(2, 2)));
+    calc->setPredictions(preds(coord(2, 2)));
+    EXPECT_EQ(log.count("Clear called, resetting caches"), 0);
+    calc->setPredictions(preds(coord(2, 2)));
+    EXPECT_EQ(priorityOf(log, "Error in calculating metrics, prediction not used"), velmar::Error);
+    EXPECT_EQ(log.count("Clear called, resetting caches"), 1);
+
+    log.clear();
+    infer(*calc, pt(3, 3), pt(4, 4), coord(5, 5));
+    infer(*calc, pt(6, 6), pt(7, 7), coord(8, 8));
+    EXPECT_EQ(log.count("No matching prediction data, skip calculating metircs"), 2);
+    EXPECT_EQ(log.count("Missing vertex point, skip this data point"), 2);
+    calc->setGroundTruth(batch(pt(9, 9), pt(10, 10)));
+    EXPECT_EQ(calc->getEventCount(), 1u);
+}
+
+TEST_F(PredictiveMetricCalculatorTest, LargeErrorNeedsDistanceAndSignedAngleStrictlyAbove) {
+    {
+        auto probe = make(10, 0, dir.file("probe"), true);
+        ASSERT_EQ(probe->calculateDistanceError(3, 0, 0, 4), 5.0f);
+        ASSERT_EQ(probe->calculateAngleError(1, 0, 2013, 2399), 50.0f);
+        ASSERT_NEAR(probe->calculateAngleError(1, 0, -1000, -1732), -120.0f, 0.01f);
+        EXPECT_EQ(probe->calculateAngleError(0, 0, 3, 4), 0.0f);
+        EXPECT_EQ(probe->calculateAngleError(3, 4, 3, 4), 0.0f);
+    }
+    struct Case {
+        StylusTouchPoint gt;
+        PredictedStylusCoordinate pred;
+        const char* largeErrorRate;
+    };
+    // The vertex is the origin throughout.
+    const Case cases[] = {
+        {pt(0, 4), coord(3, 0), "0"},           // d = 5 exactly, a = 90
+        {pt(2013, 2399), coord(1, 0), "0"},     // d > 5, a = 50 exactly
+        {pt(-1000, -1732), coord(1, 0), "0"},   // d > 5, a = -120
+        {pt(0, 4.5f), coord(3, 0), "1"},        // d > 5, a = 90
+        {pt(73, 87), coord(1, 0), "1"},         // d > 5, a just above 50
+    };
+    int index = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(index);
+        auto calc = make(10, 0, dir.file("case" + std::to_string(index++)), true);
+        LogCapture log;
+        calc->calculateMetrics(c.gt, c.pred, pt(0, 0));
+        const std::string line = saved(*calc);
+        EXPECT_EQ(line.substr(line.rfind(',') + 1), c.largeErrorRate);
+        EXPECT_EQ(log.count("Get a large error"), c.largeErrorRate[0] == '1' ? 1 : 0);
+    }
+}
+
+TEST_F(PredictiveMetricCalculatorTest, WeightOfHistoryIsCappedAtTargetCount) {
+    auto calc = make(120, 0, path, true);
+    const StylusTouchPoint vertex = pt(-1, 0);
+    for (int i = 1; i <= 130; ++i) {
+        calc->calculateMetrics(pt(1, 0), coord(0, 0), vertex);
+        EXPECT_EQ(calc->getMetricsAreValid(), i >= 120) << i;
+    }
+    EXPECT_EQ(calc->getEventCount(), 120u);
+    EXPECT_NEAR(calc->getDistanceErrorMean(), 1.0, 1e-5);
+    // 122/121 + 120/121 * 1: the history keeps the weight T/(T+1).
+    calc->calculateMetrics(pt(122, 0), coord(0, 0), vertex);
+    EXPECT_NEAR(calc->getDistanceErrorMean(), 2.0, 1e-4);
+    EXPECT_EQ(calc->getEventCount(), 120u);
+
+    auto latest = make(0, 0, dir.file("zero"), true);
+    EXPECT_TRUE(latest->getMetricsAreValid());
+    latest->calculateMetrics(pt(3, 4), coord(0, 0), pt(-2, 1));
+    latest->calculateMetrics(pt(8, 5), coord(2, -3), pt(1, -3));
+    EXPECT_EQ(latest->getEventCount(), 0u);
+    EXPECT_TRUE(latest->getMetricsAreValid());
+    EXPECT_EQ(latest->getDistanceErrorMean(), 10.0f);
+    EXPECT_EQ(latest->getAngleDevMean(), latest->calculateAngleError(1, 0, 7, 8));
+    EXPECT_EQ(latest->getAngleDevStd(), 0.0f);
+}
+
+TEST_F(PredictiveMetricCalculatorTest, SavesPeriodicallyEveryIntervalMeasuredPoints) {
+    auto calc = make(1000, 2, path, true);
+    calc->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
+    EXPECT_FALSE(fileExists(path));
+    calc->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
+    EXPECT_EQ(testsupport::readFile(path), "2,1,0,0,0");
+    calc->calculateMetrics(pt(3, 0), coord(0, 0), pt(-1, 0));
+    EXPECT_EQ(testsupport::readFile(path), "2,1,0,0,0");
+    calc->calculateMetrics(pt(3, 0), coord(0, 0), pt(-1, 0));
+    EXPECT_EQ(testsupport::readFile(path), "4,2,0,0,0");
+
+    const std::string never = dir.file("never");
+    auto unsaved = make(1000, 0, never, true);
+    for (int i = 0; i < 5; ++i) {
+        unsaved->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
+    }
+    EXPECT_FALSE(fileExists(never));
+    unsaved.reset();
+    EXPECT_EQ(testsupport::readFile(never), "5,1,0,0,0");
+}
+
+TEST_F(PredictiveMetricCalculatorTest, FileRoundTripKeepsExactBytesAndLogsValues) {
+    testsupport::writeFile(path, "120,1.23457,-0.5,210.7,0.025");
+    LogCapture log;
+    auto calc = make();
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"PredictiveMetricCalculator constructor",
+                                                        "Loaded metrics from " + path +
+                                                            ", 120, 1.23457, -0.5, 210.7, 0.025"}));
+    EXPECT_EQ(log.lines().at(1).priority, velmar::Info);
+
+    log.clear();
+    EXPECT_EQ(calc->getEventCount(), 120u);
+    EXPECT_EQ(calc->getDistanceErrorMean(), 1.23457f);
+    EXPECT_EQ(calc->getAngleDevMean(), -0.5f);
+    EXPECT_NEAR(calc->getAngleDevStd(), std::sqrt(210.7 - 0.25), 1e-4);
+    EXPECT_FALSE(calc->getMetricsAreValid());
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Get EventCount  Value", "Get Distance Error Value",
+                                                        "Get Angle deviation mean", "Get Angle deviation std",
+                                                        "Get if the count is larger than target count"}));
+
+    EXPECT_EQ(saved(*calc), "120,1.23457,-0.5,210.7,0.025");
+    EXPECT_TRUE(log.contains("Save metrics to " + dir.file("saved.txt") + ", 120,1.23457,-0.5,210.7,0.025"));
+}
+
+TEST_F(PredictiveMetricCalculatorTest, LoadingStopsAtFirstBadFieldAndAcceptsAnySeparator) {
+    testsupport::writeFile(path, "5;1;2;3;4");
+    auto calc = make();
+    EXPECT_EQ(saved(*calc), "5,1,2,3,4");
+
+    // Fields before the failure come from the file, the failing one as the extractor leaves it,
+    // the rest keep their current values.
+    const std::string other = dir.file("other");
+    testsupport::writeFile(other, "7,2.5");
+    calc->loadMetrics(other);
+    EXPECT_EQ(saved(*calc), "7,2.5,2,3,4");
+    testsupport::writeFile(other, "9,abc,8,8,8");
+    calc->loadMetrics(other);
+    EXPECT_EQ(saved(*calc), "9,0,2,3,4");
+
+    testsupport::writeFile(other, "7,2.5");
+    auto fresh = make(50000, 0, other);
+    EXPECT_EQ(saved(*fresh), "7,2.5,0,0,0");
+}
+
+TEST_F(PredictiveMetricCalculatorTest, MissingFileGivesZeroStatisticsAndFirstSaveCreatesIt) {
+    LogCapture log;
+    auto calc = make();
+    EXPECT_EQ(priorityOf(log, "Error in reading file: " + path), velmar::Error);
+    EXPECT_EQ(log.countPrefix("Loaded metrics from "), 0);
+    EXPECT_EQ(calc->getEventCount(), 0u);
+    EXPECT_EQ(calc->getDistanceErrorMean(), 0.0f);
+    calc->saveMetrics(path);
+    EXPECT_EQ(testsupport::readFile(path), "0,0,0,0,0");
+}
+
+TEST_F(PredictiveMetricCalculatorTest, UnwritableLocationLogsEachSaveAttemptOnly) {
+    const std::string bad = dir.file("absent/runningMetrics.txt");
+    testsupport::writeFile(path, "5,1,2,3,4");
+    auto calc = make();
+    LogCapture log;
+    calc->saveMetrics(bad);
+    calc->saveMetrics(bad);
+    EXPECT_EQ(log.count("Error in opening file : " + bad), 2);
+    EXPECT_EQ(priorityOf(log, "Error in opening file : " + bad), velmar::Error);
+    EXPECT_EQ(log.countPrefix("Save metrics to "), 0);
+    EXPECT_EQ(saved(*calc), "5,1,2,3,4");
+
+    auto unsaved = make(50000, 0, bad);
+    unsaved.reset();
+    EXPECT_EQ(log.count("Error in opening file : " + bad), 3);
+}
+
+TEST_F(PredictiveMetricCalculatorTest, DestructorRewritesTheFile) {
+    testsupport::writeFile(path, "5,1,2,3,4");
+    auto calc = make();
+    testsupport::writeFile(path, "overwritten");
+    LogCapture log;
+    calc.reset();
+    EXPECT_EQ(testsupport::readFile(path), "5,1,2,3,4");
+    const testsupport::CapturedLine first = log.lines().at(0);
+    EXPECT_EQ(first.message, "PredictiveMetricCalculator destructor");
+    EXPECT_EQ(first.function, "~PredictiveMetricCalculator");
+    EXPECT_EQ(first.priority, velmar::Info);
+}
+
+TEST_F(PredictiveMetricCalculatorTest, QueriesFromAnotherThreadSeeConsistentCounts) {
+    auto calc = make(1000, 0, path, true);
+    std::atomic<bool> done{false};
+    unsigned int lastSeen = 0;
+    bool monotonic = true;
+    std::thread reader([&] {
+        while (!done.load()) {
+            const unsigned int count = calc->getEventCount();
+            monotonic = monotonic && count >= lastSeen && count <= 200;
+            lastSeen = count;
+            (void)calc->getDistanceErrorMean();
+            (void)calc->getAngleDevStd();
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        calc->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
+    }
+    done.store(true);
+    reader.join();
+    EXPECT_TRUE(monotonic);
+    EXPECT_EQ(calc->getEventCount(), 200u);
+}
+
+}  // namespace
