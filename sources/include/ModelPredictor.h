@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CircularBuffer.h"
+#include "ModelPredictorParams.h"
+#include "PredictedStylusTouchPointsCpp.h"
+#include "PredictiveMetricCalculator.h"
+#include "StylusModelInputFeatures.h"
+#include "StylusStrokePredictor.h"
+#include "talcflow/TALCModelRunner.h"
+
+namespace styluspipeline {
+
+// Turns batches of stylus samples into predicted future pen positions: builds normalised step rows,
+// keeps the model's input history full, runs the model and decodes its outputs. Used from one
+// thread only (the pipeline's inference thread); the metric getters may be called from any thread.
+class ModelPredictor {
+public:
+    // Buffer operating states.
+    static constexpr uint32_t kBufferIsGettingFull = 0;
+    static constexpr uint32_t kBufferFull = 1;
+
+    // Loads the model; a model that cannot be loaded throws out of here.
+    explicit ModelPredictor(const ModelPredictorParams& params);
+    // As above, with the accuracy statistics kept in metricsFilePath instead of the device file.
+    ModelPredictor(const ModelPredictorParams& params, const std::string& metricsFilePath);
+    ~ModelPredictor();
+    ModelPredictor(const ModelPredictor&) = delete;
+    ModelPredictor& operator=(const ModelPredictor&) = delete;
+
+    // Adds the new samples (keyed by timestamp) to the history and, once the history is full,
+    // predicts. True when out was written. strokeBoundary resets all stroke state first.
+    bool predictStylusTouchPoints(const std::map<unsigned long, StylusTouchPoint>& points, bool strokeBoundary,
+                                  PredictedStylusTouchPointsCpp& out);
+
+    // Fills one model input row from a sample difference d.
+    void normalize(StylusModelInputFeatures& features, const StylusTouchPoint& d) const;
+
+    float getMetricsDistanceError() const { return metricCalculator.getDistanceErrorMean(); }
+    float getMetricsAngleDevError() const { return metricCalculator.getAngleDevStd(); }
+    bool getMetricsAreValid() const { return metricCalculator.getMetricsAreValid(); }
+    unsigned int getMetricsEventCount() const { return metricCalculator.getEventCount(); }
+
+    // For tests and tools.
+    const CircularBuffer<StylusModelInputFeatures>& history() const { return featureHistory; }
+    uint32_t bufferOperatingState() const { return bufferState; }
+
+private:
+    void resetStroke();
+    void fillFromStrokeHistory();
+    void stageBatch(const std::map<unsigned long, StylusTouchPoint>& points);
+    void appendRow(const StylusTouchPoint& d);
+    void decodePredictions(std::vector<PredictedStylusCoordinate>& predictions) const;
+
+    std::function<StylusTouchPoint(const StylusTouchPoint&, const StylusTouchPoint*)> diffFunction;
+    ModelPredictorParams params;
+    talcflow::TALCModelRunner modelRunner;
+    CircularBuffer<StylusModelInputFeatures> featureHistory;
+    std::vector<StylusModelInputFeatures> stagingFeatures;
+    uint64_t lastTimestamp = 0;
+    StylusTouchPoint lastPoint{};
+    std::string logTag = "StylusPredictor-model";
+    uint32_t inputElementCount = 0;
+    uint32_t output0ElementCount = 0;
+    uint32_t output1ElementCount = 0;
+    std::unique_ptr<float[]> output0Data;
+    std::unique_ptr<float[]> output1Data;
+    uint32_t bufferState = kBufferIsGettingFull;
+    std::map<unsigned long, StylusTouchPoint> strokeHistory;
+    std::vector<StylusTouchPoint> groundTruth;
+    PredictiveMetricCalculator metricCalculator;
+};
+
+}  // namespace styluspipeline

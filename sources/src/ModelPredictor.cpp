@@ -1,0 +1,223 @@
+#define VELMAR_LOG_SOURCE "src/ModelPredictor"
+
+#include "ModelPredictor.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <iterator>
+#include <stdexcept>
+
+#include "velmar/Log.h"
+
+namespace styluspipeline {
+
+namespace {
+
+// Room above one history's worth of rows, so ordinary batches never grow the staging vector.
+constexpr size_t kStagingMargin = 16;
+// Samples per batch the ground-truth vector holds without growing.
+constexpr size_t kGroundTruthReserve = 64;
+
+uint32_t elementCount(const std::vector<uint32_t>& shape) {
+    uint32_t n = 1;
+    for (uint32_t dim : shape) {
+        n *= dim;
+    }
+    return n;
+}
+
+int64_t microsecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(to - from).count() / 1000;
+}
+
+}  // namespace
+
+ModelPredictor::ModelPredictor(const ModelPredictorParams& p)
+    : ModelPredictor(p, PredictiveMetricCalculator::kRunningMetricsPath) {}
+
+ModelPredictor::ModelPredictor(const ModelPredictorParams& p, const std::string& metricsFilePath)
+    : params(p),
+      modelRunner(params.model_path),
+      featureHistory(params.num_historcal_points),
+      metricCalculator(static_cast<float>(params.pixel_per_inch), params.mm_per_inch, params.target_event_count,
+                       params.save_metrics_interval, metricsFilePath) {
+    inputElementCount = elementCount(modelRunner.getInputTensorDetails(0).shape);
+    output0ElementCount = elementCount(modelRunner.getOutputTensorDetails(0).shape);
+    output0Data = std::make_unique<float[]>(output0ElementCount);
+    output1ElementCount = elementCount(modelRunner.getOutputTensorDetails(1).shape);
+    output1Data = std::make_unique<float[]>(output1ElementCount);
+
+    if (params.use_raw_pressure) {
+        diffFunction = &StylusTouchPoint::diffExceptPressure;
+    } else {
+        diffFunction = &StylusTouchPoint::diff;
+    }
+
+    stagingFeatures.reserve(static_cast<size_t>(params.num_historcal_points) + kStagingMargin);
+    groundTruth.reserve(kGroundTruthReserve);
+
+    VELMAR_LOG(velmar::Info, logTag, "Model Predictor constructor");
+}
+
+ModelPredictor::~ModelPredictor() {
+    VELMAR_LOG(velmar::Info, logTag, "Model Predictor destructor");
+}
+
+void ModelPredictor::normalize(StylusModelInputFeatures& features, const StylusTouchPoint& d) const {
+    const ModelPredictorParams& p = params;
+    const float scale = p.mm_per_inch / static_cast<float>(p.pixel_per_inch);
+    features.timestamp = (static_cast<float>(d.timestamp) - p.feature_timestamp_min) /
+                         (p.feature_timestamp_max - p.feature_timestamp_min);
+    features.xpos = (d.x_pos * scale - p.feature_xpos_min) / (p.feature_xpos_max - p.feature_xpos_min);
+    features.ypos = (d.y_pos * scale - p.feature_ypos_min) / (p.feature_ypos_max - p.feature_ypos_min);
+    features.pressure = (d.pressure - p.feature_pressure_min) / (p.feature_pressure_max - p.feature_pressure_min);
+    features.tilt = (d.tilt - p.feature_tilt_min) / (p.feature_tilt_max - p.feature_tilt_min);
+    features.orientation = (d.orientation - p.feature_orientation_min) /
+                           (p.feature_orientation_max - p.feature_orientation_min);
+}
+
+void ModelPredictor::appendRow(const StylusTouchPoint& d) {
+    StylusModelInputFeatures row;
+    normalize(row, d);
+    stagingFeatures.push_back(row);
+}
+
+void ModelPredictor::resetStroke() {
+    featureHistory.clear();
+    lastTimestamp = 0;
+    lastPoint = StylusTouchPoint{};
+    strokeHistory.clear();
+    groundTruth.clear();
+    metricCalculator.strokeClear();
+    bufferState = kBufferIsGettingFull;
+    VELMAR_LOG_EVERY_N(60, velmar::Info, logTag, "Stroke boundary detected");
+}
+
+// The stroke has just become long enough: rebuild the whole history from it, padding the oldest
+// end with copies of the first step.
+void ModelPredictor::fillFromStrokeHistory() {
+    stagingFeatures.clear();
+    const auto first = strokeHistory.begin();
+    StylusModelInputFeatures firstStep;
+    normalize(firstStep, diffFunction(std::next(first)->second, &first->second));
+    const int32_t padding =
+        static_cast<int32_t>(params.num_historcal_points) - static_cast<int32_t>(strokeHistory.size()) + 1;
+    for (int32_t i = 0; i < padding; ++i) {
+        stagingFeatures.push_back(firstStep);
+    }
+    for (auto previous = first, current = std::next(first); current != strokeHistory.end(); ++previous, ++current) {
+        appendRow(diffFunction(current->second, &previous->second));
+    }
+    const auto newest = std::prev(strokeHistory.end());
+    lastTimestamp = newest->first;
+    lastPoint = newest->second;
+    bufferState = kBufferFull;
+}
+
+void ModelPredictor::stageBatch(const std::map<unsigned long, StylusTouchPoint>& points) {
+    stagingFeatures.clear();
+    const size_t historyLength = params.num_historcal_points;
+    if (points.size() >= historyLength + 1) {
+        // The batch alone covers the whole history; the raw difference keeps the model's view of a
+        // long batch independent of the pressure setting.
+        auto previous = std::next(points.begin(), static_cast<std::ptrdiff_t>(points.size() - historyLength - 1));
+        for (auto current = std::next(previous); current != points.end(); ++previous, ++current) {
+            appendRow(current->second.diff(&previous->second));
+        }
+    } else {
+        appendRow(diffFunction(points.begin()->second, &lastPoint));
+        for (auto previous = points.begin(), current = std::next(previous); current != points.end();
+             ++previous, ++current) {
+            appendRow(diffFunction(current->second, &previous->second));
+        }
+    }
+    const auto newest = std::prev(points.end());
+    lastTimestamp = newest->first;
+    lastPoint = newest->second;
+}
+
+void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& predictions) const {
+    // Never read past what the model actually produces, whatever the configuration asks for.
+    const int64_t available = std::min<int64_t>(output0ElementCount / 2, output1ElementCount);
+    const int64_t count = std::min<int64_t>(params.num_predictions, available);
+    const float pixelsPerMm = static_cast<float>(params.pixel_per_inch) / params.mm_per_inch;
+    const int64_t delta = params.prediction_time_delta_ms;
+    for (int64_t i = 0; i < count; ++i) {
+        const uint64_t timestamp = lastTimestamp + static_cast<uint64_t>(delta * (i + 1));
+        const float x = lastPoint.x_pos + output0Data[2 * i] * pixelsPerMm;
+        const float y = lastPoint.y_pos + output0Data[2 * i + 1] * pixelsPerMm;
+        const float probability = 1.0f / (1.0f + expf(-output1Data[i]));
+        // Written so that a NaN probability is dropped too.
+        if (probability < params.stroke_end_thres) {
+            predictions.push_back({timestamp, x, y});
+        }
+    }
+}
+
+bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, StylusTouchPoint>& points,
+                                              bool strokeBoundary, PredictedStylusTouchPointsCpp& out) {
+    if (strokeBoundary) {
+        resetStroke();
+    }
+    if (points.empty()) {
+        return false;
+    }
+    const auto t0 = std::chrono::steady_clock::now();
+
+    if (bufferState == kBufferIsGettingFull) {
+        strokeHistory.insert(points.begin(), points.end());
+        // At least two samples are needed for a first step, whatever the configured minimum.
+        if (strokeHistory.size() >= static_cast<size_t>(params.min_num_historical_points) + 1 &&
+            strokeHistory.size() >= 2) {
+            fillFromStrokeHistory();
+        }
+        // Too short a stroke leaves the staging rows of an earlier call; inserting them again is
+        // harmless since the history is rewritten whole once the stroke is long enough.
+        VELMAR_LOG(velmar::Verbose, logTag, "BufferIsGettingFull State");
+    } else if (bufferState == kBufferFull) {
+        stageBatch(points);
+        VELMAR_LOG(velmar::Verbose, logTag, "BufferFull State");
+    } else {
+        throw std::runtime_error("Unexpected Buffer operating state");
+    }
+
+    featureHistory.insert(stagingFeatures.data(), static_cast<int>(stagingFeatures.size()));
+    const auto t1 = std::chrono::steady_clock::now();
+    if (bufferState != kBufferFull) {
+        return false;
+    }
+
+    for (const auto& entry : points) {
+        groundTruth.push_back(entry.second);
+    }
+    metricCalculator.setGroundTruth(groundTruth);
+    groundTruth.clear();
+
+    // A model whose input is larger than the history would read past it; the runtime then refuses
+    // the short buffer instead.
+    const size_t historyBytes = static_cast<size_t>(featureHistory.size()) * sizeof(StylusModelInputFeatures);
+    const size_t inputBytes = std::min(static_cast<size_t>(inputElementCount) * sizeof(float), historyBytes);
+    modelRunner.SetInputTensorData(0, talcflow::TALCTensorType::Float32, featureHistory.begin(), inputBytes);
+    if (modelRunner.runInference() != talcflow::TALCModelRunner::kSuccess) {
+        VELMAR_LOG(velmar::Error, logTag, "Error in model inference");
+    }
+    modelRunner.GetOutputTensorData(0, talcflow::TALCTensorType::Float32, output0Data.get(),
+                                    static_cast<size_t>(output0ElementCount) * sizeof(float));
+    modelRunner.GetOutputTensorData(1, talcflow::TALCTensorType::Float32, output1Data.get(),
+                                    static_cast<size_t>(output1ElementCount) * sizeof(float));
+
+    std::vector<PredictedStylusCoordinate> predictions;
+    predictions.reserve(static_cast<size_t>(std::max(params.num_predictions, 0)));
+    decodePredictions(predictions);
+    metricCalculator.setPredictions(predictions);
+
+    out.timestamp = lastTimestamp;
+    out.coordinates = std::move(predictions);
+    const auto t2 = std::chrono::steady_clock::now();
+    out.preprocessLatencyUs = microsecondsBetween(t0, t1);
+    out.modelLatencyUs = microsecondsBetween(t1, t2);
+    return true;
+}
+
+}  // namespace styluspipeline

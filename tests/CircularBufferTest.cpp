@@ -1,0 +1,68 @@
+#include "CircularBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <stdexcept>
+#include <vector>
+
+#include "StylusModelInputFeatures.h"
+
+namespace {
+
+using Buffer = CircularBuffer<StylusModelInputFeatures>;
+
+StylusModelInputFeatures row(float v) { return {v, v + 0.5f, -v, v * 2, v + 1, v - 1}; }
+
+std::array<float, 6> fields(const StylusModelInputFeatures& r) {
+    return {r.timestamp, r.xpos, r.ypos, r.pressure, r.tilt, r.orientation};
+}
+
+// Row values of the buffer, oldest first; a zero-filled row reads as 0 and row(v) as v.
+std::vector<float> contents(const Buffer& buffer) {
+    std::vector<float> values;
+    for (uint32_t i = 0; i < buffer.size(); ++i) {
+        const float v = buffer[i].timestamp;
+        EXPECT_EQ(fields(buffer[i]), fields(v == 0 ? StylusModelInputFeatures{} : row(v))) << "row " << i;
+        values.push_back(v);
+    }
+    return values;
+}
+
+}  // namespace
+
+TEST(CircularBufferTest, InsertShiftsOldestOutAndKeepsTensorOrder) {
+    Buffer buffer(3);
+    EXPECT_EQ(contents(buffer), (std::vector<float>{0, 0, 0}));
+    const std::vector<StylusModelInputFeatures> items{row(1), row(2), row(3), row(4), row(7), row(8), row(9)};
+
+    buffer.insert(&items[0], 2);
+    EXPECT_EQ(contents(buffer), (std::vector<float>{0, 1, 2}));
+    buffer.insert(&items[2], 2);
+    EXPECT_EQ(contents(buffer), (std::vector<float>{2, 3, 4}));
+    EXPECT_EQ(buffer.begin(), &buffer[0]);
+
+    buffer.insert(nullptr, 0);
+    EXPECT_EQ(contents(buffer), (std::vector<float>{2, 3, 4}));
+    buffer.insert(&items[4], 3);
+    EXPECT_EQ(contents(buffer), (std::vector<float>{7, 8, 9}));
+    buffer.clear();
+    EXPECT_EQ(contents(buffer), (std::vector<float>{0, 0, 0}));
+}
+
+TEST(CircularBufferTest, OverlongOrNegativeInsertThrowsAndChangesNothing) {
+    Buffer buffer(25);
+    const std::vector<StylusModelInputFeatures> items(26, row(5));
+    buffer.insert(items.data(), 1);
+    try {
+        buffer.insert(items.data(), 26);
+        FAIL() << "26 items went into a buffer of 25";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "Number of elements to be inserted cannot be greater than count :25");
+    }
+    EXPECT_THROW(buffer.insert(items.data(), -1), std::out_of_range);
+
+    std::vector<float> expected(25, 0.0f);
+    expected[24] = 5;
+    EXPECT_EQ(contents(buffer), expected);
+}

@@ -1,0 +1,307 @@
+#include "ModelPredictor.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "TestSupport.h"
+
+using styluspipeline::ModelPredictor;
+using styluspipeline::ModelPredictorParams;
+using styluspipeline::PredictedStylusTouchPointsCpp;
+using Batch = std::map<unsigned long, StylusTouchPoint>;
+
+namespace {
+
+// 0.25 mm per pixel and power-of-two ranges keep every feature exact in float, so rows can be
+// compared bit for bit with a double-precision computation.
+ModelPredictorParams makeParams(const std::string& model, uint32_t historyLength, uint32_t minPoints) {
+    ModelPredictorParams p;
+    p.model_path = std::string(TEST_MODELS_DIR) + "/" + model;
+    p.num_historcal_points = historyLength;
+    p.min_num_historical_points = minPoints;
+    p.pixel_per_inch = 128;
+    p.mm_per_inch = 32.0f;
+    p.feature_timestamp_min = 0.0f; p.feature_timestamp_max = 16.0f;
+    p.feature_xpos_min = -8.0f; p.feature_xpos_max = 8.0f;
+    p.feature_ypos_min = -8.0f; p.feature_ypos_max = 8.0f;
+    p.feature_pressure_min = -1.0f; p.feature_pressure_max = 1.0f;
+    p.feature_tilt_min = 0.0f; p.feature_tilt_max = 2.0f;
+    p.feature_orientation_min = -4.0f; p.feature_orientation_max = 4.0f;
+    return p;
+}
+
+// Sample i of a curved stroke; sample 3 has timestamp 1000.
+StylusTouchPoint sample(int i) {
+    StylusTouchPoint s{};
+    s.timestamp = 991 + 3 * static_cast<uint64_t>(i);
+    s.x_pos = 10.0f + 2.5f * i + 0.25f * i * i;
+    s.y_pos = 50.0f - 1.75f * i;
+    s.pressure = 0.25f + 0.125f * (i % 3);
+    s.tilt = 0.5f + 0.25f * (i % 4);
+    s.orientation = 1.0f - 0.5f * (i % 2);
+    s.tag = STYLUS_TAG_MOVE;
+    return s;
+}
+
+Batch samples(int first, int last) {
+    Batch batch;
+    for (int i = first; i <= last; ++i) {
+        batch[sample(i).timestamp] = sample(i);
+    }
+    return batch;
+}
+
+StylusModelInputFeatures expectedRow(const ModelPredictorParams& p, int current, int previous, bool rawPressure) {
+    const StylusTouchPoint c = sample(current);
+    const StylusTouchPoint v = sample(previous);
+    const double mmPerPixel = static_cast<double>(p.mm_per_inch) / p.pixel_per_inch;
+    auto norm = [](double value, float min, float max) {
+        return static_cast<float>((value - min) / (static_cast<double>(max) - min));
+    };
+    const double pressure = rawPressure ? c.pressure : static_cast<double>(c.pressure) - v.pressure;
+    return {norm(static_cast<double>(c.timestamp - v.timestamp), p.feature_timestamp_min, p.feature_timestamp_max),
+            norm((static_cast<double>(c.x_pos) - v.x_pos) * mmPerPixel, p.feature_xpos_min, p.feature_xpos_max),
+            norm((static_cast<double>(c.y_pos) - v.y_pos) * mmPerPixel, p.feature_ypos_min, p.feature_ypos_max),
+            norm(pressure, p.feature_pressure_min, p.feature_pressure_max),
+            norm(static_cast<double>(c.tilt) - v.tilt, p.feature_tilt_min, p.feature_tilt_max),
+            norm(static_cast<double>(c.orientation) - v.orientation, p.feature_orientation_min,
+                 p.feature_orientation_max)};
+}
+
+using Row = std::array<float, 6>;
+
+Row fields(const StylusModelInputFeatures& r) {
+    return {r.timestamp, r.xpos, r.ypos, r.pressure, r.tilt, r.orientation};
+}
+
+// Rows first..last of the history must equal expected(i).
+template <typename Expected>
+void expectRows(const ModelPredictor& predictor, uint32_t first, uint32_t last, Expected expected) {
+    for (uint32_t i = first; i <= last; ++i) {
+        EXPECT_EQ(fields(predictor.history()[i]), fields(expected(static_cast<int>(i)))) << "history row " << i;
+    }
+}
+
+bool historyIsZero(const ModelPredictor& predictor) {
+    for (uint32_t i = 0; i < predictor.history().size(); ++i) {
+        if (fields(predictor.history()[i]) != Row{}) {
+            return false;
+        }
+    }
+    return true;
+}
+
+float logistic(float logit) {
+    volatile float l = logit;  // evaluated at run time, with the same expf as the library
+    return 1.0f / (1.0f + expf(-l));
+}
+
+// Output-0 bias of the generated constant models.
+float bias0(int j) { return static_cast<float>(0.1 * (j + 1)); }
+
+class ModelPredictorTest : public ::testing::Test {
+protected:
+    std::unique_ptr<ModelPredictor> make(const ModelPredictorParams& p) {
+        return std::make_unique<ModelPredictor>(p, dir.file("runningMetrics.txt"));
+    }
+
+    testsupport::TempDir dir;
+    PredictedStylusTouchPointsCpp out;
+};
+
+TEST_F(ModelPredictorTest, DecodesDisplacementsTimestampsAndStrokeEndThreshold) {
+    struct Case {
+        const char* model;
+        float threshold;
+        int32_t delta;
+        int32_t predictions;
+        std::vector<int> kept;
+    };
+    const float p0 = logistic(-1.0f);
+    const float p1 = logistic(2.0f);
+    const std::vector<Case> cases{
+        {"const_n10_p5.tflite", 0.5f, 4, 5, {0, 2, 3, 4}},
+        {"const_n10_p5.tflite", p1, 4, 5, {0, 2, 3, 4}},                       // at the threshold: dropped
+        {"const_n10_p5.tflite", std::nextafter(p1, 1.0f), 4, 5, {0, 1, 2, 3, 4}},  // just below: kept
+        {"const_n10_p5.tflite", p0, 4, 5, {2, 3, 4}},
+        {"const_n10_p5.tflite", 0.5f, -4, 5, {0, 2, 3, 4}},  // a negative step counts back in 64 bits
+        {"nan_logit_n10_p5.tflite", 2.0f, 4, 5, {0, 2, 3, 4}},  // NaN is never below the threshold
+        {"const_n10_p5.tflite", 2.0f, 4, 7, {0, 1, 2, 3, 4}},  // never past the model's five outputs
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.model) + " threshold " + std::to_string(c.threshold) + " delta " +
+                     std::to_string(c.delta));
+        ModelPredictorParams p = makeParams(c.model, 10, 3);
+        p.stroke_end_thres = c.threshold;
+        p.prediction_time_delta_ms = c.delta;
+        p.num_predictions = c.predictions;
+        auto predictor = make(p);
+        ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), true, out));
+        EXPECT_EQ(out.timestamp, 1000u);
+        ASSERT_EQ(out.coordinates.size(), c.kept.size());
+        const StylusTouchPoint last = sample(3);
+        for (size_t n = 0; n < c.kept.size(); ++n) {
+            const int i = c.kept[n];
+            EXPECT_EQ(out.coordinates[n].timestamp, static_cast<uint64_t>(1000 + c.delta * (i + 1)));
+            EXPECT_EQ(out.coordinates[n].x, last.x_pos + bias0(2 * i) * 4.0f);
+            EXPECT_EQ(out.coordinates[n].y, last.y_pos + bias0(2 * i + 1) * 4.0f);
+        }
+    }
+}
+
+TEST_F(ModelPredictorTest, ModelLongerThanHistoryOrMissing) {
+    ModelPredictorParams p = makeParams("const_n10_p5.tflite", 4, 3);
+    p.stroke_end_thres = 2.0f;
+    // A model expecting more rows than the history holds is not fed past the history's end.
+    auto shortHistory = make(p);
+    ASSERT_TRUE(shortHistory->predictStylusTouchPoints(samples(0, 3), true, out));
+    EXPECT_EQ(out.coordinates.size(), 5u);
+
+    p.model_path = dir.file("missing.tflite");
+    EXPECT_THROW(make(p), std::runtime_error);
+}
+
+TEST_F(ModelPredictorTest, FillsHistoryOnceStrokeIsLongEnoughThenAddsOneRowPerSample) {
+    const ModelPredictorParams p = makeParams("const_n25_p5.tflite", 25, 5);
+    auto predictor = make(p);
+    EXPECT_FALSE(predictor->predictStylusTouchPoints(samples(0, 2), true, out));
+    EXPECT_EQ(predictor->bufferOperatingState(), 0u);
+    EXPECT_TRUE(historyIsZero(*predictor));
+
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(3, 5), false, out));
+    EXPECT_EQ(predictor->bufferOperatingState(), 1u);
+    EXPECT_EQ(out.timestamp, sample(5).timestamp);
+    expectRows(*predictor, 0, 19, [&](int) { return expectedRow(p, 1, 0, false); });
+    expectRows(*predictor, 20, 24, [&](int i) { return expectedRow(p, i - 19, i - 20, false); });
+
+    // One new sample: one row, the sample minus the newest sample seen so far.
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(6, 6), false, out));
+    EXPECT_EQ(out.timestamp, sample(6).timestamp);
+    expectRows(*predictor, 0, 18, [&](int) { return expectedRow(p, 1, 0, false); });
+    expectRows(*predictor, 19, 24, [&](int i) { return expectedRow(p, i - 18, i - 19, false); });
+}
+
+TEST_F(ModelPredictorTest, RawPressureAppliesExceptOnBatchesCoveringTheWholeHistory) {
+    ModelPredictorParams p = makeParams("small_n4_p5.tflite", 4, 1);
+    p.use_raw_pressure = true;
+    auto predictor = make(p);
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 1), true, out));
+    expectRows(*predictor, 0, 3, [&](int) { return expectedRow(p, 1, 0, true); });
+
+    // As many samples as history rows: still one row per sample, the first against the last seen.
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(2, 5), false, out));
+    expectRows(*predictor, 0, 3, [&](int i) { return expectedRow(p, i + 2, i + 1, true); });
+
+    // Longer batches replace the history from their own newest samples, pressure differenced.
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(6, 11), false, out));
+    expectRows(*predictor, 0, 3, [&](int i) { return expectedRow(p, i + 8, i + 7, false); });
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(12, 16), false, out));
+    expectRows(*predictor, 0, 3, [&](int i) { return expectedRow(p, i + 13, i + 12, false); });
+    EXPECT_EQ(out.timestamp, sample(16).timestamp);
+}
+
+TEST_F(ModelPredictorTest, StrokeBoundaryResetsStrokeState) {
+    const ModelPredictorParams p = makeParams("small_n4_p5.tflite", 4, 1);
+    auto predictor = make(p);
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 1), true, out));
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(2, 2), false, out));
+
+    out.timestamp = 77;
+    EXPECT_FALSE(predictor->predictStylusTouchPoints({}, true, out));
+    EXPECT_EQ(out.timestamp, 77u);
+    EXPECT_EQ(predictor->bufferOperatingState(), 0u);
+    EXPECT_TRUE(historyIsZero(*predictor));
+
+    // Too short a stroke re-inserts the row staged by the last call; the fill overwrites it.
+    EXPECT_FALSE(predictor->predictStylusTouchPoints(samples(3, 3), false, out));
+    expectRows(*predictor, 0, 2, [](int) { return StylusModelInputFeatures{}; });
+    expectRows(*predictor, 3, 3, [&](int) { return expectedRow(p, 2, 1, false); });
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(4, 4), false, out));
+    expectRows(*predictor, 0, 3, [&](int) { return expectedRow(p, 4, 3, false); });
+}
+
+TEST_F(ModelPredictorTest, FirstStrokeLongerThanHistoryThrows) {
+    auto predictor = make(makeParams("const_n10_p5.tflite", 10, 9));
+    try {
+        predictor->predictStylusTouchPoints(samples(0, 12), true, out);
+        FAIL() << "13 samples staged into a history of 10";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "Number of elements to be inserted cannot be greater than count :10");
+    }
+    EXPECT_TRUE(historyIsZero(*predictor));
+}
+
+TEST_F(ModelPredictorTest, ModelReadsTheNewestHistoryRow) {
+    ModelPredictorParams p = makeParams("copy_n10_p5.tflite", 10, 3);
+    // Unit ranges make the normalised displacement equal the displacement in millimetres.
+    p.feature_xpos_min = 0.0f;
+    p.feature_xpos_max = 1.0f;
+    p.feature_ypos_min = 0.0f;
+    p.feature_ypos_max = 1.0f;
+    auto predictor = make(p);
+    const std::vector<std::pair<int, int>> batches{{0, 3}, {4, 4}, {5, 7}};
+    for (const auto& batch : batches) {
+        ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(batch.first, batch.second), false, out));
+        const int newest = batch.second;
+        const StylusTouchPoint last = sample(newest);
+        const StylusTouchPoint previous = sample(newest - 1);
+        ASSERT_EQ(out.coordinates.size(), 5u);
+        for (const auto& c : out.coordinates) {
+            // k * (mm of the last step) is the last step in pixels again.
+            EXPECT_EQ(c.x, last.x_pos + (last.x_pos - previous.x_pos));
+            EXPECT_EQ(c.y, last.y_pos + (last.y_pos - previous.y_pos));
+        }
+    }
+}
+
+TEST_F(ModelPredictorTest, FeedsMetricsAndLogsUnderItsTag) {
+    testsupport::LogCapture logs;
+    ModelPredictorParams p = makeParams("const_n10_p5.tflite", 10, 3);
+    p.stroke_end_thres = 2.0f;  // five points per inference make a measurable prediction
+    p.target_event_count = 1;
+    auto predictor = make(p);
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), false, out));
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(4, 7), false, out));
+    EXPECT_EQ(predictor->getMetricsEventCount(), 0u);
+    EXPECT_FALSE(predictor->getMetricsAreValid());
+    // The prediction of the first inference meets the ground truth of the third.
+    ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(8, 11), false, out));
+    EXPECT_EQ(predictor->getMetricsEventCount(), 1u);
+    EXPECT_TRUE(predictor->getMetricsAreValid());
+    EXPECT_GT(predictor->getMetricsDistanceError(), 0.0f);
+
+    for (int i = 0; i < 120; ++i) {
+        EXPECT_FALSE(predictor->predictStylusTouchPoints({}, true, out));
+    }
+    predictor.reset();
+    EXPECT_EQ(testsupport::readFile(dir.file("runningMetrics.txt")).substr(0, 2), "1,");
+
+    EXPECT_EQ(logs.count("Stroke boundary detected"), 2);  // one of every 60
+    EXPECT_EQ(logs.count("BufferIsGettingFull State"), 1);
+    EXPECT_EQ(logs.count("BufferFull State"), 2);
+    int own = 0;
+    for (const auto& line : logs.lines()) {
+        if (line.tag == "StylusPredictor-model") {
+            ++own;
+            const bool lifecycle = line.message == "Model Predictor constructor" ||
+                                   line.message == "Model Predictor destructor" ||
+                                   line.message == "Stroke boundary detected";
+            EXPECT_EQ(line.priority, lifecycle ? velmar::Info : velmar::Verbose) << line.message;
+            if (line.message == "Model Predictor constructor") {
+                EXPECT_EQ(line.function, "ModelPredictor");
+            }
+        }
+    }
+    EXPECT_EQ(own, 2 + 2 + 1 + 2);
+    EXPECT_EQ(logs.count("Model Predictor destructor"), 1);
+}
+
+}  // namespace
