@@ -13,6 +13,9 @@ enum class QueueFullPolicy : int32_t {
 };
 
 // Bounded FIFO between threads: one mutex, one condition variable for both directions.
+// Producers and consumers share the condition variable, so every change wakes all waiters: with a
+// single wake-up, the producer refilling a queue the consumer just emptied could wake the other
+// blocked producer instead of the consumer, and all three would then sleep with an element pending.
 template <typename T>
 class DataQueue {
 public:
@@ -39,7 +42,7 @@ public:
             }
         }
         items.push_back(value);
-        condition.notify_one();
+        condition.notify_all();
         return true;
     }
 
@@ -54,7 +57,7 @@ public:
         }
         out = std::move(items.front());
         items.pop_front();
-        condition.notify_one();
+        condition.notify_all();
         return true;
     }
 
