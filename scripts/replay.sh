@@ -13,10 +13,18 @@ build="$root/build/release"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DSTYLUS_BUILD_TESTS=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target stylus-replay >/dev/null
 
+# Replay the shipped sample unless a recording (a file or a directory) is named.
 has_recording=0
+skip_value=0
 for arg in "$@"; do
+  if [ "$skip_value" -eq 1 ]; then
+    skip_value=0
+    continue
+  fi
   case "$arg" in
-    *.csv|*.dat) has_recording=1 ;;
+    --config|--batch-size|--json|--predictions-out|--report) skip_value=1 ;;
+    -*) ;;
+    *) has_recording=1 ;;
   esac
 done
 if [ "$has_recording" -eq 0 ]; then
