@@ -1,0 +1,34 @@
+// Options of stylus-replay.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace replay {
+
+struct ReplayOptions {
+    std::string configPath;  // empty: the shipped configuration
+    std::vector<std::string> inputs;
+    int batchSize = 4;
+    bool realtime = false;
+    std::string jsonPath;
+    std::string predictionsPath;
+    std::string reportPath;
+    bool quiet = false;
+    bool help = false;
+};
+
+class CommandLine {
+public:
+    static const char* const usage;
+
+    // Options take their value as the next argument or after '='. Throws ReplayError on an unknown
+    // option, a missing value, a batch size below 1, or no recording (unless help was asked).
+    static ReplayOptions parse(const std::vector<std::string>& args);
+
+    // Files stay as given; a directory stands for its *.csv and *.dat files in name order.
+    // Throws ReplayError for a path that does not exist or a directory without recordings.
+    static std::vector<std::string> expandInputs(const std::vector<std::string>& inputs);
+};
+
+}  // namespace replay

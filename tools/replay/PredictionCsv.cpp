@@ -1,0 +1,66 @@
+#include "PredictionCsv.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+namespace replay {
+
+const char* const PredictionCsv::header =
+    "recording,stroke,base_timestamp,timestamp,horizon_ms,x_pos,y_pos,truth_x,truth_y,error_mm,cv_x,cv_y,"
+    "cv_error_mm,where";
+
+namespace {
+
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"\n") == std::string::npos) {
+        return text;
+    }
+    std::string quoted = "\"";
+    for (const char c : text) {
+        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    }
+    return quoted + "\"";
+}
+
+const char* whereName(TruthPoint::Where where) {
+    switch (where) {
+        case TruthPoint::Where::Inside: return "inside";
+        case TruthPoint::Where::BeforeStart: return "before_start";
+        case TruthPoint::Where::PastEnd: break;
+    }
+    return "past_end";
+}
+
+}  // namespace
+
+void PredictionCsv::writeHeader(std::ostream& out) { out << header << '\n'; }
+
+void PredictionCsv::write(std::ostream& out, const std::string& recording, const std::vector<PointResult>& results) {
+    const std::string name = csvField(recording);
+    char text[512];
+    for (const PointResult& r : results) {
+        const bool inside = r.where == TruthPoint::Where::Inside;
+        int n = std::snprintf(text, sizeof(text), ",%zu,%" PRIu64 ",%" PRIu64 ",%" PRId64 ",%.4f,%.4f,", r.stroke,
+                              r.baseTimestamp, r.timestamp, r.horizonMs, r.x, r.y);
+        out << name << std::string(text, static_cast<std::size_t>(n));
+        if (inside) {
+            n = std::snprintf(text, sizeof(text), "%.4f,%.4f,%.5f,", r.truthX, r.truthY, r.errorMm);
+        } else {
+            n = std::snprintf(text, sizeof(text), ",,,");
+        }
+        out << std::string(text, static_cast<std::size_t>(n));
+        if (r.hasBaseline) {
+            n = std::snprintf(text, sizeof(text), "%.4f,%.4f,", r.baselineX, r.baselineY);
+            out << std::string(text, static_cast<std::size_t>(n));
+            if (inside) {
+                n = std::snprintf(text, sizeof(text), "%.5f", r.baselineErrorMm);
+                out << std::string(text, static_cast<std::size_t>(n));
+            }
+        } else {
+            out << ",,";
+        }
+        out << ',' << whereName(r.where) << '\n';
+    }
+}
+
+}  // namespace replay

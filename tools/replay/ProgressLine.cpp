@@ -1,0 +1,35 @@
+#include "ProgressLine.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace replay {
+
+ProgressLine::ProgressLine(bool enabled)
+    : enabled(enabled), terminal(isatty(STDERR_FILENO) != 0), start(Clock::now()), lastShown(start) {}
+
+ProgressLine::~ProgressLine() {
+    if (lineOpen) {
+        std::fputc('\n', stderr);
+    }
+}
+
+void ProgressLine::update(const std::string& label, std::size_t done, std::size_t total) {
+    if (!enabled) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    const auto interval = terminal ? std::chrono::milliseconds(250) : std::chrono::milliseconds(10000);
+    if (now - start < std::chrono::seconds(1) || now - lastShown < interval) {
+        return;
+    }
+    lastShown = now;
+    const double percent = total > 0 ? 100.0 * static_cast<double>(done) / static_cast<double>(total) : 100.0;
+    std::fprintf(stderr, "%s%s: %zu/%zu batches (%.0f%%)%s", terminal ? "\r\033[K" : "", label.c_str(), done, total,
+                 percent, terminal ? "" : "\n");
+    std::fflush(stderr);
+    lineOpen = terminal;
+}
+
+}  // namespace replay

@@ -1,0 +1,28 @@
+// Reads a stylus recording in the CSV form the library's recorder writes.
+#pragma once
+
+#include <istream>
+#include <string>
+#include <vector>
+
+#include "StylusStrokePredictor.h"
+
+namespace replay {
+
+struct Recording {
+    std::string path;
+    std::vector<StylusTouchPoint> samples;  // file order, timestamps never decreasing
+};
+
+class RecordingReader {
+public:
+    static const char* const header;  // the exact first line
+
+    // Throws ReplayError naming the file, and the line for content errors: a file that cannot be
+    // opened, a wrong header, a malformed row, a timestamp smaller than the previous row's. Equal
+    // timestamps are accepted (the pipeline keeps the later sample). Blank lines are skipped.
+    static Recording read(const std::string& path);
+    static Recording parse(std::istream& in, const std::string& name);
+};
+
+}  // namespace replay
