@@ -16,3 +16,14 @@ if(TARGET stylus-feature-dump AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predi
             $<TARGET_FILE:stylus-feature-dump> ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json
             ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
 endif()
+
+# The main job on the shipped sample with the shipped model: the summary is printed, and the model
+# does better than the constant-velocity baseline at the longest horizon.
+if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
+  add_test(NAME ReplayMainJobOnTheSample
+    COMMAND ${CMAKE_COMMAND} -DREPLAY=$<TARGET_FILE:stylus-replay> -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
+            -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/replay_main_job.cmake)
+  add_test(NAME ReplayRefusesAMissingRecording
+    COMMAND $<TARGET_FILE:stylus-replay> --quiet ${CMAKE_CURRENT_BINARY_DIR}/no-such-recording.csv)
+  set_tests_properties(ReplayRefusesAMissingRecording PROPERTIES WILL_FAIL TRUE)
+endif()

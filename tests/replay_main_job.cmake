@@ -1,0 +1,31 @@
+# Runs stylus-replay on the shipped sample and checks its summary and JSON output.
+set(json ${WORK_DIR}/replay-sample.json)
+execute_process(
+  COMMAND ${REPLAY} --quiet --json ${json} ${SOURCE_DIR}/tools/sample/sample_240hz.csv
+  WORKING_DIRECTORY ${SOURCE_DIR}
+  RESULT_VARIABLE status OUTPUT_VARIABLE summary ERROR_QUIET)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "stylus-replay exited with ${status}:\n${summary}")
+endif()
+foreach(heading "Counts" "Error by horizon, mm" "Library metrics (online)" "Latency, us")
+  string(FIND "${summary}" "${heading}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "summary lacks \"${heading}\":\n${summary}")
+  endif()
+endforeach()
+
+file(READ ${json} content)
+string(JSON refused GET "${content}" counts refused_batches)
+string(JSON predictions GET "${content}" counts predictions)
+if(NOT refused EQUAL 0 OR predictions LESS 1000)
+  message(FATAL_ERROR "unexpected counts: ${refused} refused, ${predictions} predictions")
+endif()
+string(JSON last LENGTH "${content}" horizons)
+math(EXPR last "${last} - 1")
+string(JSON horizon GET "${content}" horizons ${last} ms)
+string(JSON model GET "${content}" horizons ${last} model mean_mm)
+string(JSON baseline GET "${content}" horizons ${last} constant_velocity mean_mm)
+if(NOT model LESS baseline)
+  message(FATAL_ERROR "at +${horizon} ms the model's mean error ${model} mm is not below the baseline's ${baseline} mm")
+endif()
+message(STATUS "+${horizon} ms: model ${model} mm, constant velocity ${baseline} mm")
