@@ -190,7 +190,10 @@ std::vector<StylusTouchPoint> HandwritingGenerator::generate() {
         }
         if (random.chance(0.3)) {
             const double along = random.uniform(0.1, 0.6);
-            bar({start.x + along * (end.x - start.x), start.y - random.uniform(4.0, 5.0)}, random.uniform(6.0, 12.0));
+            // Drawn in this order so that every compiler gives the same strokes (argument order is unspecified).
+            const double length = random.uniform(6.0, 12.0);
+            const double rise = random.uniform(4.0, 5.0);
+            bar({start.x + along * (end.x - start.x), start.y - rise}, length);
         }
         if (word % 5 == 4) {
             flourish({start.x - 2.0, start.y + 2.5});
