@@ -76,4 +76,35 @@ TEST(ConfigTest, UnreadableFilesThrowNamingTheFileAndLine) {
     EXPECT_NE(loadError(broken).find(broken + "(4)"), std::string::npos) << loadError(broken);
 }
 
+TEST(ConfigTest, DeeplyNestedFilesAreRefusedBeforeParsing) {
+    // Hundreds of thousands of levels would overflow the stack inside the recursive parsers.
+    TempDir dir;
+    const int deep = 200000;
+    auto repeat = [](const std::string& text, int n) {
+        std::string result;
+        for (int i = 0; i < n; ++i) {
+            result += text;
+        }
+        return result;
+    };
+    const std::pair<std::string, std::string> cases[] = {
+        {"deep.json", "{\"a\":\n" + repeat("[", deep) + repeat("]", deep) + "}"},
+        {"deep.xml", "<a>\n" + repeat("<b x=\"/>\">", deep) + repeat("</b>", deep) + "</a>"},
+        {"deep.info", "a\n" + repeat("{ b ", deep) + repeat("}\n", deep)},
+    };
+    for (const auto& [name, text] : cases) {
+        SCOPED_TRACE(name);
+        writeFile(dir.file(name), text);
+        // Line 2 holds the level past the limit of 64.
+        EXPECT_NE(loadError(dir.file(name)).find(dir.file(name) + "(2)"), std::string::npos) << loadError(dir.file(name));
+    }
+    // Brackets inside strings and comments do not nest; a few real levels are fine.
+    writeFile(dir.file("strings.json"), R"({"Pipeline": {"cpusetFile": ")" + repeat("[{", 100) + R"("}})");
+    EXPECT_EQ(load(dir.file("strings.json")).get<std::string>("Pipeline.cpusetFile", "").size(), 200u);
+    writeFile(dir.file("comments.info"), "; " + repeat("{", 100) + "\nPipeline\n{\n  logLevel DEBUG\n}\n");
+    EXPECT_EQ(load(dir.file("comments.info")).get<std::string>("Pipeline.logLevel", ""), "DEBUG");
+    writeFile(dir.file("ten.json"), repeat("{\"k\": ", 10) + "1" + repeat("}", 10));
+    EXPECT_EQ(load(dir.file("ten.json")).get<int>("k.k.k.k.k.k.k.k.k.k", 0), 1);
+}
+
 }  // namespace
