@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cmath>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "PredictiveMetricCalculator.h"
@@ -303,6 +305,39 @@ TEST_F(PredictiveMetricCalculatorTest, LoadingStopsAtFirstBadFieldAndAcceptsAnyS
     testsupport::writeFile(other, "7,2.5");
     auto fresh = make(50000, 0, other);
     EXPECT_EQ(saved(*fresh), "7,2.5,0,0,0");
+}
+
+TEST_F(PredictiveMetricCalculatorTest, CountRestoredAtTheIntegerLimitDoesNotWrap) {
+    // A value past the limit is stored as the largest count and stops the extraction; "-1" wraps to it.
+    const std::pair<std::string, float> files[] = {
+        {"4294967295,1,0,0,0", 1.0f}, {"-1,1,0,0,0", 1.0f}, {"5500055000,1,0,0,0", 0.0f}};
+    for (const auto& [content, restoredMean] : files) {
+        testsupport::writeFile(path, content);
+        auto calc = make(1000, 0, path, true);
+        ASSERT_EQ(calc->getEventCount(), 4294967295u) << content;
+        calc->calculateMetrics(pt(3, 4), coord(0, 0), pt(-1, 0));
+        // The new distance weighs 1/2^32; the count drops to the target.
+        EXPECT_NEAR(calc->getDistanceErrorMean(), restoredMean, 1e-6) << content;
+        EXPECT_EQ(calc->getEventCount(), 1000u) << content;
+    }
+}
+
+TEST_F(PredictiveMetricCalculatorTest, NonFinitePointsAreNotFoldedIn) {
+    auto calc = make(1000, 1, path, true);
+    calc->calculateMetrics(pt(3, 4), coord(0, 0), pt(-1, 0));
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    LogCapture log(velmar::Debug);
+    calc->calculateMetrics(pt(nan, 4), coord(0, 0), pt(-1, 0));
+    calc->calculateMetrics(pt(3, 4), coord(inf, 0), pt(-1, 0));
+    calc->calculateMetrics(pt(3e38f, 0), coord(-3e38f, 0), pt(0, 1));  // the distance overflows
+    EXPECT_EQ(log.count("Non-finite error, skip this data point"), 3);
+    EXPECT_EQ(calc->getEventCount(), 1u);
+    EXPECT_EQ(calc->getDistanceErrorMean(), 5.0f);
+    EXPECT_EQ(testsupport::readFile(path), "1,5,45,2025,0") << "skipped points are not saved either";
+    calc->calculateMetrics(pt(6, 8), coord(0, 0), pt(-1, 0));
+    EXPECT_EQ(calc->getEventCount(), 2u);
+    EXPECT_FLOAT_EQ(calc->getDistanceErrorMean(), 7.5f);
 }
 
 TEST_F(PredictiveMetricCalculatorTest, MissingFileGivesZeroStatisticsAndFirstSaveCreatesIt) {

@@ -113,10 +113,18 @@ void PredictiveMetricCalculator::calculateMetrics(const StylusTouchPoint& gt, co
     const float d = calculateDistanceError(pred.x, pred.y, gt.x_pos, gt.y_pos);
     const float a = calculateAngleError(pred.x - vertex.x_pos, pred.y - vertex.y_pos, gt.x_pos - vertex.x_pos,
                                         gt.y_pos - vertex.y_pos);
+    // A NaN or infinite sample (or a prediction made from one) would stay in the running means for
+    // good, and in the saved file; such a point is not measured.
+    if (!std::isfinite(d) || !std::isfinite(a)) {
+        VELMAR_LOG(velmar::Debug, kTag, "Non-finite error, skip this data point");
+        return;
+    }
 
     // Once n reaches the target the history keeps the weight T/(T+1): an exponential average.
-    const float w = static_cast<float>(n) / static_cast<float>(n + 1);
-    const float next = static_cast<float>(n + 1);
+    // n + 1 in 64 bits: a count restored at the 32-bit limit must not wrap to a division by zero.
+    const uint64_t countAfter = static_cast<uint64_t>(n) + 1;
+    const float next = static_cast<float>(countAfter);
+    const float w = static_cast<float>(n) / next;
     set(distanceErrorMean, d / next + w * get(distanceErrorMean));
     set(angleDevMean, a / next + w * get(angleDevMean));
     set(angleDevMeanSquare, a * a / next + w * get(angleDevMeanSquare));
@@ -127,7 +135,7 @@ void PredictiveMetricCalculator::calculateMetrics(const StylusTouchPoint& gt, co
         VELMAR_LOG(velmar::Verbose, kTag, "Get a large error");
     }
     set(largeErrorRate, large / next + w * get(largeErrorRate));
-    set(eventCount, std::min(n + 1, targetEventCount));
+    set(eventCount, static_cast<uint32_t>(std::min<uint64_t>(countAfter, targetEventCount)));
 
     if (saveMetricsInterval == 0) {
         ++saveCounter;
