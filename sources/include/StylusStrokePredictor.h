@@ -2,8 +2,9 @@
  * Stylus stroke predictor: the host feeds every batch of stylus samples and receives where the pen
  * will be a few milliseconds ahead, through a callback on the library's inference thread.
  *
- * Usable from C and C++. All functions but InitStylusLib take the handle InitStylusLib returned;
- * DeInitStylusLib must not race any other call on the same handle.
+ * Usable from C and C++. All functions but InitStylusLib take the handle InitStylusLib returned and
+ * that has not yet been given to DeInitStylusLib; only DeInitStylusLib accepts NULL. DeInitStylusLib
+ * must not race any other call on the same handle.
  */
 #ifndef STYLUS_STROKE_PREDICTOR_H
 #define STYLUS_STROKE_PREDICTOR_H
@@ -78,6 +79,9 @@ typedef struct PredictedStylusTouchPoints {
     int64_t modelLatencyUs;
 } PredictedStylusTouchPoints;
 
+/* The callbacks run on the library's inference thread, which waits for them to return. They must not
+ * call DeInitStylusLib (it would wait for the very thread it runs on), and under the Block queue policy
+ * they must not call sendInputTouchPoints (the queue may be full, and only this thread empties it). */
 typedef void (*StylusPredictionCallback)(const PredictedStylusTouchPoints* predictions);
 typedef void (*StylusInputPointsCallback)(const StylusTouchPoint* points, int numPoints);
 
@@ -89,7 +93,8 @@ typedef struct StylusPredictionParams {
 
 typedef struct StylusLibHandle StylusLibHandle;
 
-/* Builds the pipeline. From C++, a bad configuration or model throws out of this call. */
+/* Builds the pipeline. params, its configFilePath and its onPredictions must not be NULL. From C++, a
+ * bad configuration or model throws out of this call. */
 STYLUS_EXPORT StylusLibHandle* InitStylusLib(const StylusPredictionParams* params);
 
 /* Drains a queued batch, stops the threads and frees the handle. NULL is ignored. */
