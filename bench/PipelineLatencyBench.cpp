@@ -1,0 +1,248 @@
+// End-to-end latency through the exported functions: from sendInputTouchPoints returning to the
+// host's onPredictions being called for that batch. One pen stroke at 240 Hz, cut into batches of 4
+// samples, sent either paced like a pen (one batch every 16.7 ms) or flat out. Each run reports
+// p50, p99 and the maximum over every batch that produced a prediction.
+//
+// Extra flags (before the Google Benchmark ones):
+//   --batches=N          batches per run (default 10000)
+//   --shipped-config=P   configuration of the shipped model (default models/stylus_predictor.json)
+// The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "StylusStrokePredictor.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kBatchSize = 4;
+constexpr double kPenRateHz = 240.0;
+const auto kBatchPeriod = std::chrono::nanoseconds(static_cast<int64_t>(1e9 * kBatchSize / kPenRateHz));
+
+size_t g_batchCount = 10000;
+std::string g_shippedConfig = STYLUS_SHIPPED_CONFIG;
+
+int64_t nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "stylus-bench-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("cannot create " + pattern);
+        }
+        path = pattern;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        fs::remove_all(path, ignored);
+    }
+    fs::path path;
+};
+
+// Writes a configuration beside a copy of the model: the given model keys, and pipeline keys that keep
+// every batch (Block) and record nothing.
+std::string writeConfig(const TempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys) {
+    fs::copy_file(model, dir.path / model.filename(), fs::copy_options::overwrite_existing);
+    boost::property_tree::ptree tree;
+    modelKeys.put("model_name", model.filename().string());
+    tree.put_child("PredictionModel", modelKeys);
+    tree.put("Pipeline.logLevel", "INFO");
+    tree.put("Pipeline.QueueFullPolicy", "Block");
+    tree.put("Pipeline.enableDataWriting", false);
+    const std::string config = (dir.path / "predictor.json").string();
+    boost::property_tree::write_json(config, tree);
+    return config;
+}
+
+boost::property_tree::ptree minimalModelKeys() {
+    boost::property_tree::ptree keys;
+    keys.put("num_historical_points", 10);
+    keys.put("min_num_historical_points", 10);
+    const char* features[] = {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"};
+    for (const char* feature : features) {
+        keys.put(std::string("feature_") + feature + "_min", -10);
+        keys.put(std::string("feature_") + feature + "_max", 10);
+    }
+    return keys;
+}
+
+// What the callback needs, global because the callbacks are plain C functions.
+struct Run {
+    std::vector<uint64_t> newestTimestamp;  // per batch, ascending
+    std::vector<int64_t> sentNs;            // sender thread only
+    std::vector<int64_t> calledNs;          // inference thread only
+};
+Run g_run;
+
+void onPredictions(const PredictedStylusTouchPoints* predictions) {
+    const int64_t now = nowNs();
+    const auto& stamps = g_run.newestTimestamp;
+    const auto it = std::lower_bound(stamps.begin(), stamps.end(), predictions->timestamp);
+    if (it != stamps.end() && *it == predictions->timestamp) {
+        g_run.calledNs[static_cast<size_t>(it - stamps.begin())] = now;
+    }
+}
+
+// A pen circling at 240 Hz: integer millisecond timestamps 4 or 5 ms apart.
+std::vector<std::vector<StylusTouchPoint>> makeStroke(size_t batches) {
+    std::vector<std::vector<StylusTouchPoint>> stroke(batches);
+    size_t k = 0;
+    for (auto& batch : stroke) {
+        batch.resize(kBatchSize);
+        for (auto& sample : batch) {
+            const float angle = 0.01f * static_cast<float>(k);
+            sample = StylusTouchPoint{};
+            sample.timestamp = 1000 + static_cast<uint64_t>(static_cast<double>(k) * 1000.0 / kPenRateHz);
+            sample.x_pos = 800.0f + 300.0f * std::cos(angle);
+            sample.y_pos = 1200.0f + 300.0f * std::sin(angle);
+            sample.pressure = 0.5f + 0.1f * std::sin(3 * angle);
+            sample.tilt = 0.3f;
+            sample.orientation = 0.1f * std::cos(angle);
+            sample.tag = k == 0 ? STYLUS_TAG_PEN_DOWN : STYLUS_TAG_MOVE;
+            ++k;
+        }
+    }
+    return stroke;
+}
+
+double percentile(const std::vector<double>& sorted, double p) {
+    if (sorted.empty()) {
+        return 0.0;
+    }
+    const size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(sorted.size())));
+    return sorted[std::min(sorted.size(), std::max<size_t>(rank, 1)) - 1];
+}
+
+void runLatency(benchmark::State& state, const std::string& modelKind, bool paced) {
+    TempDir dir;
+    std::string config;
+    if (modelKind == "minimal") {
+        config = writeConfig(dir, fs::path(TEST_MODELS_DIR) / "const_n10_p5.tflite", minimalModelKeys());
+    } else {
+        boost::property_tree::ptree shipped;
+        boost::property_tree::read_json(g_shippedConfig, shipped);
+        const fs::path model = fs::path(g_shippedConfig).parent_path() /
+                               shipped.get<std::string>("PredictionModel.model_name");
+        config = writeConfig(dir, model, shipped.get_child("PredictionModel"));
+    }
+
+    const auto stroke = makeStroke(g_batchCount);
+    g_run.newestTimestamp.clear();
+    for (const auto& batch : stroke) {
+        g_run.newestTimestamp.push_back(batch.back().timestamp);
+    }
+    g_run.sentNs.assign(stroke.size(), 0);
+    g_run.calledNs.assign(stroke.size(), 0);
+
+    for (auto _ : state) {
+        StylusPredictionParams params{config.c_str(), &onPredictions, nullptr};
+        StylusLibHandle* handle = InitStylusLib(&params);
+        const auto start = Clock::now();
+        for (size_t b = 0; b < stroke.size(); ++b) {
+            if (paced) {
+                std::this_thread::sleep_until(start + kBatchPeriod * static_cast<int64_t>(b));
+            }
+            if (sendInputTouchPoints(handle, stroke[b].data(), kBatchSize) != 0) {
+                state.SkipWithError("a batch was refused under the Block policy");
+                break;
+            }
+            g_run.sentNs[b] = nowNs();
+        }
+        DeInitStylusLib(handle);  // drains the queue and joins the inference thread
+    }
+
+    std::vector<double> latenciesUs;
+    size_t callbackFirst = 0;
+    for (size_t b = 0; b < stroke.size(); ++b) {
+        if (g_run.calledNs[b] == 0) {
+            continue;  // no prediction for this batch (history still filling)
+        }
+        const int64_t latency = g_run.calledNs[b] - g_run.sentNs[b];
+        // The callback can run before the sender's clock read after the call returns.
+        if (latency < 0) {
+            ++callbackFirst;
+        }
+        latenciesUs.push_back(static_cast<double>(std::max<int64_t>(latency, 0)) / 1000.0);
+    }
+    std::sort(latenciesUs.begin(), latenciesUs.end());
+    double sum = 0.0;
+    for (double latency : latenciesUs) {
+        sum += latency;
+    }
+    state.counters["batches"] = static_cast<double>(stroke.size());
+    state.counters["predicted"] = static_cast<double>(latenciesUs.size());
+    state.counters["p50_us"] = percentile(latenciesUs, 0.50);
+    state.counters["p99_us"] = percentile(latenciesUs, 0.99);
+    state.counters["max_us"] = latenciesUs.empty() ? 0.0 : latenciesUs.back();
+    state.counters["mean_us"] = latenciesUs.empty() ? 0.0 : sum / static_cast<double>(latenciesUs.size());
+    state.counters["callback_before_return"] = static_cast<double>(callbackFirst);
+    state.SetLabel(modelKind + (paced ? ", paced 240 Hz" : ", flat out"));
+}
+
+bool takeFlag(const char* arg, const char* name, std::string& value) {
+    const size_t length = std::strlen(name);
+    if (std::strncmp(arg, name, length) == 0 && arg[length] == '=') {
+        value = arg + length + 1;
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<char*> rest = {argv[0]};
+    for (int i = 1; i < argc; ++i) {
+        std::string value;
+        if (takeFlag(argv[i], "--batches", value)) {
+            g_batchCount = std::max<size_t>(std::stoul(value), 1);
+        } else if (takeFlag(argv[i], "--shipped-config", value)) {
+            g_shippedConfig = value;
+        } else {
+            rest.push_back(argv[i]);
+        }
+    }
+    int restCount = static_cast<int>(rest.size());
+    benchmark::Initialize(&restCount, rest.data());
+    if (benchmark::ReportUnrecognizedArguments(restCount, rest.data())) {
+        return 1;
+    }
+
+    std::vector<std::string> models = {"minimal"};
+    if (fs::exists(g_shippedConfig)) {
+        models.push_back("shipped");
+    } else {
+        std::fprintf(stderr, "No shipped model configuration at %s: only the minimal model is measured\n",
+                     g_shippedConfig.c_str());
+    }
+    for (const std::string& model : models) {
+        for (const bool paced : {false, true}) {
+            const std::string name = "EndToEndLatency/" + model + (paced ? "/paced240Hz" : "/flatOut");
+            benchmark::RegisterBenchmark(name.c_str(), [model, paced](benchmark::State& state) {
+                runLatency(state, model, paced);
+            })->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+        }
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
