@@ -1,0 +1,135 @@
+#include "BatchMix.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <set>
+
+namespace soak {
+
+namespace {
+
+// Weights of the batch kinds, in the order of BatchKind.
+constexpr int kWeights[] = {70, 5, 4, 4, 4, 4, 1, 8};
+constexpr int kStrokeLength = 150;  // batches between pen-down and pen-up of a good stroke
+constexpr uint64_t kSampleStepMs = 4;
+
+}  // namespace
+
+const char* kindName(BatchKind kind) {
+    switch (kind) {
+        case BatchKind::Good: return "good";
+        case BatchKind::NonFinite: return "non_finite";
+        case BatchKind::Backwards: return "backwards";
+        case BatchKind::Duplicates: return "duplicates";
+        case BatchKind::Empty: return "empty";
+        case BatchKind::PenStorm: return "pen_storm";
+        case BatchKind::Large: return "large";
+        case BatchKind::Single: return "single";
+        case BatchKind::Count: break;
+    }
+    return "?";
+}
+
+BatchMix::BatchMix(uint32_t seed) : random(seed), pick(std::begin(kWeights), std::end(kWeights)) {}
+
+StylusTouchPoint BatchMix::move() {
+    StylusTouchPoint point{};
+    clock += kSampleStepMs;
+    angle += 0.02f;
+    point.timestamp = clock;
+    point.x_pos = 800.0f + 300.0f * std::cos(angle);
+    point.y_pos = 1200.0f + 300.0f * std::sin(angle);
+    point.pressure = 0.5f + 0.2f * std::sin(3.0f * angle);
+    point.tilt = 0.3f;
+    point.orientation = 0.1f * std::cos(angle);
+    point.tag = STYLUS_TAG_MOVE;
+    return point;
+}
+
+void BatchMix::good(Batch& batch) {
+    for (int i = 0; i < 4; ++i) {
+        batch.points.push_back(move());
+    }
+    if (batchesInStroke == 0) {
+        batch.points.front().tag = STYLUS_TAG_PEN_DOWN;
+    } else if (batchesInStroke == kStrokeLength - 1) {
+        batch.points.back().tag = STYLUS_TAG_PEN_UP;
+    }
+    batchesInStroke = (batchesInStroke + 1) % kStrokeLength;
+}
+
+void BatchMix::next(Batch& batch) {
+    batch.points.clear();
+    batch.kind = static_cast<BatchKind>(pick(random));
+    switch (batch.kind) {
+        case BatchKind::Good:
+            good(batch);
+            break;
+        case BatchKind::NonFinite: {
+            good(batch);
+            const float values[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                                    -std::numeric_limits<float>::infinity()};
+            for (auto& point : batch.points) {
+                if (random() % 2 == 0) {
+                    float* fields[] = {&point.x_pos, &point.y_pos, &point.pressure, &point.tilt, &point.orientation};
+                    *fields[random() % 5] = values[random() % 3];
+                }
+            }
+            break;
+        }
+        case BatchKind::Backwards: {
+            const uint64_t back = 1 + random() % 400;
+            clock = clock > back ? clock - back : 0;
+            good(batch);
+            std::shuffle(batch.points.begin(), batch.points.end(), random);
+            break;
+        }
+        case BatchKind::Duplicates:
+            good(batch);
+            batch.points[1].timestamp = batch.points[0].timestamp;
+            batch.points[3].timestamp = batch.points[2].timestamp;
+            batch.points[3].x_pos += 1.0f;
+            break;
+        case BatchKind::Empty:
+            batch.count = random() % 2 == 0 ? 0 : -static_cast<int>(1 + random() % 100);
+            return;
+        case BatchKind::PenStorm: {
+            const int n = 8 + static_cast<int>(random() % 57);
+            for (int i = 0; i < n; ++i) {
+                StylusTouchPoint point = move();
+                const uint32_t r = random() % 3;
+                point.tag = r == 0 ? STYLUS_TAG_PEN_DOWN : (r == 1 ? STYLUS_TAG_PEN_UP : STYLUS_TAG_MOVE);
+                batch.points.push_back(point);
+            }
+            break;
+        }
+        case BatchKind::Large: {
+            const int n = 64 + static_cast<int>(random() % 1985);
+            for (int i = 0; i < n; ++i) {
+                batch.points.push_back(move());
+            }
+            break;
+        }
+        case BatchKind::Single:
+            batch.points.push_back(move());
+            break;
+        case BatchKind::Count:
+            break;
+    }
+    batch.count = static_cast<int>(batch.points.size());
+}
+
+uint64_t BatchMix::recorderSamples(const Batch& batch) {
+    std::set<uint64_t> moves;
+    for (int i = batch.count - 1; i >= 0; --i) {
+        const StylusTouchPoint& point = batch.points[static_cast<size_t>(i)];
+        if (point.tag == STYLUS_TAG_PEN_DOWN || point.tag == STYLUS_TAG_PEN_UP) {
+            return moves.size() + 1;
+        }
+        moves.insert(point.timestamp);
+    }
+    return moves.size();
+}
+
+}  // namespace soak

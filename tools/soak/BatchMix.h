@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "StylusStrokePredictor.h"
+
+namespace soak {
+
+// Kinds of batch a sender produces; good strokes dominate, every kind of bad input is mixed in.
+enum class BatchKind {
+    Good,
+    NonFinite,       // NaN or infinite values in some fields
+    Backwards,       // timestamps before the sender's previous ones, in shuffled order
+    Duplicates,      // repeated timestamps inside the batch
+    Empty,           // a null array with a zero or negative count
+    PenStorm,        // many pen-down and pen-up samples
+    Large,           // hundreds to thousands of samples
+    Single,          // one sample
+    Count
+};
+
+const char* kindName(BatchKind kind);
+
+struct Batch {
+    BatchKind kind = BatchKind::Good;
+    std::vector<StylusTouchPoint> points;
+    int count = 0;  // what is passed as numPoints; differs from points.size() only for negative counts
+};
+
+// Deterministic stream of mixed batches for one sender: each sender draws a stroke of its own, so
+// concurrent senders interleave unrelated timelines at the pipeline.
+class BatchMix {
+public:
+    explicit BatchMix(uint32_t seed);
+
+    // Fills batch with the next batch (its storage is reused).
+    void next(Batch& batch);
+
+    // Samples the pipeline hands to the recorder for this batch once accepted: the last pen-down or
+    // pen-up sample, if any, plus the distinct timestamps of the move samples after it.
+    static uint64_t recorderSamples(const Batch& batch);
+
+private:
+    StylusTouchPoint move();
+    void good(Batch& batch);
+
+    std::mt19937 random;
+    std::discrete_distribution<int> pick;
+    uint64_t clock = 1000;
+    float angle = 0.0f;
+    int batchesInStroke = 0;
+};
+
+}  // namespace soak

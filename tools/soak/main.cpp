@@ -1,0 +1,421 @@
+// stylus-soak: sends a long run of mixed good and bad batches from concurrent senders through the
+// library's exported functions, with recording on, and reports what went in, what came out, the
+// resident memory over the run, and whether every sample the recorder's queue accepted was written.
+// Exit status 0 when every check holds.
+#include <unistd.h>
+
+// The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS
+#include <algorithm>
+#include <atomic>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BatchMix.h"
+#include "RecorderTap.h"
+#include "SoakOptions.h"
+#include "StylusStrokePredictor.h"
+#include "velmar/Log.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kKinds = static_cast<int>(soak::BatchKind::Count);
+constexpr int kNumPredictionsLimit = 1024;  // sanity bound on a delivered prediction count
+
+double residentMiB() {
+    std::ifstream statm("/proc/self/statm");
+    long long size = 0;
+    long long resident = 0;
+    statm >> size >> resident;
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
+
+// What the host callbacks saw.
+std::atomic<uint64_t> g_predictions{0};
+std::atomic<uint64_t> g_coordinates{0};
+std::atomic<uint64_t> g_inputPoints{0};
+std::atomic<uint64_t> g_badCallbacks{0};
+
+void onPredictions(const PredictedStylusTouchPoints* predictions) {
+    g_predictions.fetch_add(1, std::memory_order_relaxed);
+    if (predictions->numCoordinates < 0 || predictions->numCoordinates > kNumPredictionsLimit ||
+        (predictions->numCoordinates > 0 && predictions->coordinates == nullptr)) {
+        g_badCallbacks.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    g_coordinates.fetch_add(static_cast<uint64_t>(predictions->numCoordinates), std::memory_order_relaxed);
+}
+
+void onInputPoints(const StylusTouchPoint* points, int numPoints) {
+    if (numPoints < 0 || (numPoints > 0 && points == nullptr)) {
+        g_badCallbacks.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    g_inputPoints.fetch_add(static_cast<uint64_t>(numPoints), std::memory_order_relaxed);
+}
+
+// Counts log lines instead of printing them: the run produces far too many to read.
+struct LogCounts {
+    std::mutex mutex;
+    uint64_t byPriority[5] = {};
+    uint64_t dataDropped = 0;
+    uint64_t predictionFailed = 0;
+    std::map<std::string, uint64_t> byText;  // leading text of each message, for the report
+
+    void install() {
+        velmar::Log::init();
+        velmar::Log::setSink([this](const velmar::LogEntry& entry) {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (entry.priority >= velmar::Verbose && entry.priority <= velmar::Error) {
+                ++byPriority[entry.priority];
+            }
+            // Up to the first digit: lines that differ only in their figures count together, and the
+            // map stays small (it would otherwise grow with the run and show in its memory figures).
+            ++byText[entry.message.substr(0, std::min<size_t>(48, entry.message.find_first_of("0123456789")))];
+            if (entry.message == "Data dropped for writing stylus touch data") {
+                ++dataDropped;
+            } else if (entry.message.rfind("Prediction failed", 0) == 0) {
+                ++predictionFailed;
+            }
+        });
+    }
+};
+LogCounts g_log;
+
+boost::property_tree::ptree genericModelKeys() {
+    boost::property_tree::ptree keys;
+    keys.put("num_historical_points", 10);
+    keys.put("min_num_historical_points", 10);
+    const char* features[] = {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"};
+    for (const char* feature : features) {
+        keys.put(std::string("feature_") + feature + "_min", -10);
+        keys.put(std::string("feature_") + feature + "_max", 10);
+    }
+    return keys;
+}
+
+// The model keys of the given configuration (or generic ones for a bare model) and pipeline keys that
+// record every accepted batch into one file: chunks never complete a file, so no two files can share
+// a name.
+std::string writeConfig(const soak::SoakOptions& options, const fs::path& dir, const fs::path& recordings) {
+    boost::property_tree::ptree modelKeys;
+    fs::path model;
+    if (!options.config.empty()) {
+        boost::property_tree::ptree source;
+        boost::property_tree::read_json(options.config, source);
+        modelKeys = source.get_child("PredictionModel");
+        model = fs::path(options.config).parent_path() / modelKeys.get<std::string>("model_name");
+    } else {
+        modelKeys = genericModelKeys();
+        model = options.model;
+    }
+    fs::copy_file(model, dir / model.filename(), fs::copy_options::overwrite_existing);
+    modelKeys.put("model_name", model.filename().string());
+
+    boost::property_tree::ptree tree;
+    tree.put_child("PredictionModel", modelKeys);
+    tree.put("Pipeline.logLevel", "INFO");
+    tree.put("Pipeline.QueueFullPolicy", options.policy);
+    tree.put("Pipeline.enableDataWriting", true);
+    tree.put("Pipeline.canControlDataWritingAtRunTime", false);
+    tree.put("Pipeline.chunkSizeInRecords", 100);
+    tree.put("Pipeline.numChunksInFile", 2000000000);
+    tree.put("Pipeline.diskFillPercentTh", 100);
+    tree.put("Pipeline.dataFileDirectory", recordings.string());
+    const std::string config = (dir / "predictor.json").string();
+    boost::property_tree::write_json(config, tree);
+    return config;
+}
+
+struct SenderCounts {
+    uint64_t sent[kKinds] = {};
+    uint64_t refused[kKinds] = {};
+    uint64_t recorderSamples = 0;  // handed to the recorder by the accepted batches
+};
+
+struct Recordings {
+    uint64_t datFiles = 0;
+    uint64_t tmpFiles = 0;
+    uint64_t rows = 0;
+    uint64_t badHeaders = 0;
+    uint64_t malformedRows = 0;
+};
+
+Recordings countRecordings(const fs::path& dir) {
+    Recordings result;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        const std::string name = entry.path().filename().string();
+        if (entry.path().extension() == ".tmp") {
+            ++result.tmpFiles;
+            continue;
+        }
+        if (entry.path().extension() != ".dat") {
+            continue;  // the consent file
+        }
+        ++result.datFiles;
+        std::ifstream in(entry.path());
+        std::string line;
+        std::getline(in, line);
+        if (line != "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag") {
+            ++result.badHeaders;
+        }
+        while (std::getline(in, line)) {
+            ++result.rows;
+            if (std::count(line.begin(), line.end(), ',') != 6) {
+                ++result.malformedRows;
+            }
+        }
+    }
+    return result;
+}
+
+class Report {
+public:
+    template <typename T>
+    void add(const std::string& key, const T& value) {
+        std::ostringstream text;
+        text << value;
+        entries.emplace_back(key, text.str());
+    }
+    void print(std::ostream& out) const {
+        for (const auto& [key, value] : entries) {
+            out << key << ": " << value << "\n";
+        }
+    }
+    void writeJson(const std::string& path) const {
+        std::ofstream out(path);
+        out << "{\n";
+        for (size_t i = 0; i < entries.size(); ++i) {
+            const auto& [key, value] = entries[i];
+            const bool numeric = !value.empty() && value.find_first_not_of("0123456789.-e+") == std::string::npos;
+            const bool boolean = value == "true" || value == "false";
+            out << "  \"" << key << "\": " << (numeric || boolean ? value : quoted(value))
+                << (i + 1 < entries.size() ? ",\n" : "\n");
+        }
+        out << "}\n";
+    }
+
+private:
+    static std::string quoted(const std::string& text) {
+        std::string result = "\"";
+        for (const char c : text) {
+            if (c == '"' || c == '\\') {
+                result += '\\';
+            }
+            result += c;
+        }
+        return result + "\"";
+    }
+
+    std::vector<std::pair<std::string, std::string>> entries;
+};
+
+int run(const soak::SoakOptions& options) {
+    fs::path dir = options.workDir;
+    const bool ownDir = dir.empty();
+    if (ownDir) {
+        std::string pattern = (fs::temp_directory_path() / "stylus-soak-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("cannot create " + pattern);
+        }
+        dir = pattern;
+    }
+    const fs::path recordings = dir / "rec";
+    fs::create_directories(recordings);
+    const std::string config = writeConfig(options, dir, recordings);
+
+    g_log.install();
+    const double rssBeforeInit = residentMiB();
+    const StylusPredictionParams params{config.c_str(), &onPredictions, &onInputPoints};
+    StylusLibHandle* handle = InitStylusLib(&params);
+    const double rssAfterInit = residentMiB();
+
+    std::atomic<uint64_t> claimed{0};
+    std::atomic<uint64_t> finished{0};
+    std::vector<SenderCounts> counts(static_cast<size_t>(options.senders));
+    std::vector<std::thread> senders;
+    const auto start = Clock::now();
+    for (int s = 0; s < options.senders; ++s) {
+        senders.emplace_back([&, s] {
+            soak::BatchMix mix(options.seed * 7919u + static_cast<uint32_t>(s));
+            soak::Batch batch;
+            SenderCounts& mine = counts[static_cast<size_t>(s)];
+            while (claimed.fetch_add(1) < options.batches) {
+                mix.next(batch);
+                const int kind = static_cast<int>(batch.kind);
+                const StylusTouchPoint* points = batch.points.empty() ? nullptr : batch.points.data();
+                ++mine.sent[kind];
+                if (sendInputTouchPoints(handle, points, batch.count) == 0) {
+                    mine.recorderSamples += soak::BatchMix::recorderSamples(batch);
+                } else {
+                    ++mine.refused[kind];
+                }
+                finished.fetch_add(1, std::memory_order_relaxed);
+                if (options.paceMicroseconds > 0) {
+                    std::this_thread::sleep_for(std::chrono::microseconds(options.paceMicroseconds));
+                }
+            }
+        });
+    }
+
+    // Resident memory at every tenth of the run; the first tenth is the warm-up.
+    std::vector<double> rssAtTenth;
+    uint64_t queries = 0;
+    for (int tenth = 1; tenth <= 10; ++tenth) {
+        const uint64_t mark = options.batches * static_cast<uint64_t>(tenth) / 10;
+        while (finished.load() < mark) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            // Host-side queries race the inference thread, as a host's would.
+            volatile float sink = getMetricsDistanceError(handle) + getMetricsAngleDevError(handle);
+            (void)sink;
+            (void)getMetricsAreValid(handle);
+            (void)areAllInputPointsProcessed(handle);
+            ++queries;
+        }
+        rssAtTenth.push_back(residentMiB());
+    }
+    for (auto& sender : senders) {
+        sender.join();
+    }
+    const auto sendDone = Clock::now();
+    while (areAllInputPointsProcessed(handle) == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const double rssEnd = residentMiB();
+    const int numPredictions = numPredictedPoints(handle);
+    DeInitStylusLib(handle);
+    const auto end = Clock::now();
+    velmar::Log::setSink(nullptr);
+
+    SenderCounts total;
+    for (const auto& c : counts) {
+        for (int k = 0; k < kKinds; ++k) {
+            total.sent[k] += c.sent[k];
+            total.refused[k] += c.refused[k];
+        }
+        total.recorderSamples += c.recorderSamples;
+    }
+    uint64_t sent = 0;
+    uint64_t refused = 0;
+    for (int k = 0; k < kKinds; ++k) {
+        sent += total.sent[k];
+        refused += total.refused[k];
+    }
+    const Recordings recorded = countRecordings(recordings);
+    const double rssStart = rssAtTenth.front();
+    const double rssGrowth = rssEnd - rssStart;
+    const double seconds = std::chrono::duration<double>(end - start).count();
+
+    const bool noneLost = recorded.rows == soak::RecorderTap::accepted();
+    const bool handOffMatches = soak::RecorderTap::offered() == total.recorderSamples;
+    const bool filesWhole = recorded.tmpFiles == 0 && recorded.badHeaders == 0 && recorded.malformedRows == 0 &&
+                            recorded.datFiles <= 1;
+    const bool memoryFlat = rssGrowth <= options.rssLimitMiB;
+    const bool callbacksSane = g_badCallbacks.load() == 0 && g_predictions.load() <= sent - refused;
+    const bool pass = noneLost && handOffMatches && filesWhole && memoryFlat && callbacksSane;
+
+    Report report;
+    report.add("model", options.config.empty() ? options.model : options.config);
+    report.add("queue_full_policy", options.policy);
+    report.add("senders", options.senders);
+    report.add("sender_pause_us", options.paceMicroseconds);
+    report.add("batches_sent", sent);
+    for (int k = 0; k < kKinds; ++k) {
+        report.add(std::string("batches_sent_") + soak::kindName(static_cast<soak::BatchKind>(k)), total.sent[k]);
+    }
+    report.add("batches_refused", refused);
+    report.add("batches_accepted", sent - refused);
+    report.add("predictions_received", g_predictions.load());
+    report.add("predicted_points_received", g_coordinates.load());
+    report.add("input_points_received", g_inputPoints.load());
+    report.add("num_predicted_points", numPredictions);
+    report.add("host_queries", queries);
+    report.add("recorder_samples_expected_from_accepted_batches", total.recorderSamples);
+    report.add("recorder_samples_offered", soak::RecorderTap::offered());
+    report.add("recorder_samples_accepted_by_queue", soak::RecorderTap::accepted());
+    report.add("recorder_samples_refused_by_queue", soak::RecorderTap::offered() - soak::RecorderTap::accepted());
+    report.add("rows_recorded", recorded.rows);
+    report.add("recording_files", recorded.datFiles);
+    report.add("recording_tmp_files_left", recorded.tmpFiles);
+    report.add("malformed_rows", recorded.malformedRows + recorded.badHeaders);
+    report.add("log_data_dropped_lines", g_log.dataDropped);
+    report.add("log_prediction_failed_lines", g_log.predictionFailed);
+    report.add("log_error_lines", g_log.byPriority[velmar::Error]);
+    report.add("log_info_lines", g_log.byPriority[velmar::Info]);
+    std::vector<std::pair<uint64_t, std::string>> frequent;
+    for (const auto& [text, n] : g_log.byText) {
+        frequent.emplace_back(n, text);
+    }
+    std::sort(frequent.rbegin(), frequent.rend());
+    std::ostringstream top;
+    for (size_t i = 0; i < frequent.size() && i < 6; ++i) {
+        top << (i == 0 ? "" : " | ") << frequent[i].first << "x " << frequent[i].second;
+    }
+    report.add("log_most_frequent", top.str());
+    report.add("rss_mib_before_init", rssBeforeInit);
+    report.add("rss_mib_after_init", rssAfterInit);
+    report.add("rss_mib_start", rssStart);
+    std::ostringstream tenths;
+    for (size_t i = 0; i < rssAtTenth.size(); ++i) {
+        tenths << (i == 0 ? "" : " ") << rssAtTenth[i];
+    }
+    report.add("rss_mib_each_tenth", tenths.str());
+    report.add("rss_mib_end", rssEnd);
+    report.add("rss_mib_growth", rssGrowth);
+    report.add("rss_mib_growth_limit", options.rssLimitMiB);
+    report.add("send_seconds", std::chrono::duration<double>(sendDone - start).count());
+    report.add("wall_seconds", seconds);
+    report.add("batches_per_second", static_cast<double>(sent) / seconds);
+    report.add("check_no_recorded_sample_lost", noneLost ? "true" : "false");
+    report.add("check_recorder_hand_off_matches_batches", handOffMatches ? "true" : "false");
+    report.add("check_recording_files_whole", filesWhole ? "true" : "false");
+    report.add("check_memory_flat", memoryFlat ? "true" : "false");
+    report.add("check_callbacks_sane", callbacksSane ? "true" : "false");
+    report.add("result", pass ? "PASS" : "FAIL");
+    report.print(std::cout);
+    if (!options.jsonOut.empty()) {
+        report.writeJson(options.jsonOut);
+    }
+    if (ownDir) {
+        std::error_code ignored;
+        fs::remove_all(dir, ignored);
+    }
+    return pass ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    soak::SoakOptions options;
+    try {
+        options = soak::SoakOptions::parse(argc, argv);
+    } catch (const std::invalid_argument& error) {
+        if (*error.what() != '\0') {
+            std::cerr << "stylus-soak: " << error.what() << "\n";
+        }
+        std::cerr << soak::SoakOptions::usage();
+        return 2;
+    }
+    try {
+        return run(options);
+    } catch (const std::exception& error) {
+        std::cerr << "stylus-soak: " << error.what() << "\n";
+        return 2;
+    }
+}
