@@ -1,0 +1,107 @@
+"""Training targets, the constant-velocity baseline and error tables.
+
+For every point where the library predicts (see features.py) the targets are the
+pen displacements, in mm from the newest sample, at t_last + k * delta ms
+(k = 1..P, linear interpolation between the stroke's samples, pen-down and
+pen-up samples included), and a stroke-end label that is 1 when the stroke has
+already ended at that time (such points carry no displacement target).
+"""
+
+import numpy as np
+
+from features import PEN_DOWN, PEN_UP, recording_histories
+
+
+class Dataset:
+    """Arrays of one or more recordings, aligned on prediction points."""
+
+    def __init__(self, x, disp, valid, end, cv, dt_last):
+        self.x = x            # float32 [K, N, 6] model input rows
+        self.disp = disp      # float32 [K, P, 2] true displacement, mm
+        self.valid = valid    # bool [K, P] displacement target exists
+        self.end = end        # float32 [K, P] stroke ended before that time
+        self.cv = cv          # float32 [K, P, 2] constant-velocity displacement, mm
+        self.dt_last = dt_last  # float32 [K] last sample gap, ms
+
+    def __len__(self):
+        return len(self.x)
+
+    @classmethod
+    def concat(cls, parts):
+        return cls(*(np.concatenate([getattr(p, f) for p in parts])
+                     for f in ("x", "disp", "valid", "end", "cv", "dt_last")))
+
+
+def stroke_extent(rec):
+    """Per sample: index of its stroke's first and last sample (pen down .. pen up)."""
+    n = len(rec)
+    first = np.zeros(n, dtype=np.int64)
+    last = np.zeros(n, dtype=np.int64)
+    start = 0
+    for i in range(n):
+        if rec.tag[i] == PEN_DOWN:
+            start = i
+        first[i] = start
+    end = n - 1
+    for i in range(n - 1, -1, -1):
+        if rec.tag[i] == PEN_UP:
+            end = i
+        last[i] = end
+    return first, last
+
+
+def build(rec, cfg):
+    """Dataset of one recording under the given feature configuration."""
+    sample, hist, _ = recording_histories(rec, cfg)
+    p = cfg.num_predictions
+    horizons = cfg.prediction_time_delta_ms * np.arange(1, p + 1)
+    mm = float(cfg.mm_per_inch) / cfg.pixel_per_inch
+    first, last = stroke_extent(rec)
+    t = rec.t.astype(np.float64)
+    x = rec.x.astype(np.float64)
+    y = rec.y.astype(np.float64)
+
+    k = len(sample)
+    disp = np.zeros((k, p, 2))
+    valid = np.zeros((k, p), dtype=bool)
+    # Interpolate stroke by stroke (timestamps are strictly increasing inside one).
+    for a in np.unique(first[sample]):
+        sel = np.flatnonzero(first[sample] == a)
+        b = last[sample[sel[0]]]
+        ts, xs, ys = t[a:b + 1], x[a:b + 1], y[a:b + 1]
+        i = sample[sel]
+        tq = t[i][:, None] + horizons[None, :]
+        valid[sel] = tq <= ts[-1]
+        disp[sel, :, 0] = (np.interp(tq, ts, xs) - x[i][:, None]) * mm
+        disp[sel, :, 1] = (np.interp(tq, ts, ys) - y[i][:, None]) * mm
+
+    # Constant velocity from the last two points the predictor has seen.
+    prev = sample - 1
+    dt_last = t[sample] - t[prev]
+    ratio = horizons[None, :] / dt_last[:, None]
+    cv = np.stack([(x[sample] - x[prev])[:, None] * ratio,
+                   (y[sample] - y[prev])[:, None] * ratio], axis=2) * mm
+    return Dataset(hist, disp.astype(np.float32), valid, (~valid).astype(np.float32),
+                   cv.astype(np.float32), dt_last.astype(np.float32))
+
+
+def error_table(pred, ds, horizons_ms):
+    """Per horizon: (count, mean, median, p95) of the Euclidean error in mm."""
+    err = np.linalg.norm(pred - ds.disp, axis=2)
+    rows = []
+    for h, hz in enumerate(horizons_ms):
+        e = err[ds.valid[:, h], h]
+        rows.append((hz, len(e), float(e.mean()), float(np.median(e)), float(np.percentile(e, 95))))
+    return rows
+
+
+def format_tables(model_pred, ds, horizons_ms, title):
+    """Markdown table: model vs constant velocity per horizon."""
+    m = error_table(model_pred, ds, horizons_ms)
+    c = error_table(ds.cv, ds, horizons_ms)
+    lines = ["%s (%d prediction points)" % (title, len(ds)), "",
+             "| horizon ms | points | model mean | CV mean | model median | CV median | model p95 | CV p95 |",
+             "|---:|---:|---:|---:|---:|---:|---:|---:|"]
+    for (hz, n, mm_, md, mp), (_, _, cm, cd, cp) in zip(m, c):
+        lines.append("| %d | %d | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f |" % (hz, n, mm_, cm, md, cd, mp, cp))
+    return "\n".join(lines), m, c
