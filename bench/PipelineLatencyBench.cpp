@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "StylusStrokePredictor.h"
+#include "BenchTempDir.h"
 
 namespace {
 
@@ -42,25 +43,9 @@ int64_t nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
 }
 
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "stylus-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot create " + pattern);
-        }
-        path = pattern;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-    fs::path path;
-};
-
 // Writes a configuration beside a copy of the model: the given model keys, and pipeline keys that keep
 // every batch (Block) and record nothing.
-std::string writeConfig(const TempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys) {
+std::string writeConfig(const BenchTempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys) {
     fs::copy_file(model, dir.path / model.filename(), fs::copy_options::overwrite_existing);
     boost::property_tree::ptree tree;
     modelKeys.put("model_name", model.filename().string());
@@ -133,7 +118,7 @@ double percentile(const std::vector<double>& sorted, double p) {
 }
 
 void runLatency(benchmark::State& state, const std::string& modelKind, bool paced) {
-    TempDir dir;
+    BenchTempDir dir;
     std::string config;
     if (modelKind == "minimal") {
         config = writeConfig(dir, fs::path(TEST_MODELS_DIR) / "const_n10_p5.tflite", minimalModelKeys());

@@ -13,26 +13,11 @@
 
 #include "StylusDataWriter.h"
 #include "velmar/Log.h"
+#include "BenchTempDir.h"
 
 namespace {
 
 namespace fs = boost::filesystem;
-
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "stylus-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot create " + pattern);
-        }
-        path = pattern;
-    }
-    ~TempDir() {
-        boost::system::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-    std::string path;
-};
 
 // Rows of every finished recording file, headers excluded; -1 when a temporary file was left.
 int64_t recordedRows(const std::string& dir) {
@@ -58,9 +43,9 @@ void BM_RecorderRowsPerSecond(benchmark::State& state) {
     int64_t retries = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        TempDir dir;
+        BenchTempDir dir;
         StylusDataWriterParams params;
-        params.dataFileDirectory = dir.path;
+        params.dataFileDirectory = dir.path.string();
         params.chunkSizeInRecords = 100;
         params.numChunksInFile = 1 << 30;  // one file, so that no two files share a name
         params.diskFillPercentTh = 100;
@@ -83,7 +68,7 @@ void BM_RecorderRowsPerSecond(benchmark::State& state) {
             }
         }  // the destructor drains the queue and finishes the file
         state.PauseTiming();
-        const int64_t written = recordedRows(dir.path);
+        const int64_t written = recordedRows(dir.path.string());
         if (written != rows) {
             state.SkipWithError("rows recorded differ from rows accepted");
         }
