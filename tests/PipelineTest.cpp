@@ -161,6 +161,17 @@ public:
         }
         return true;
     }
+    // Sends the first three batches of a stroke (the third predicts) and holds the inference thread
+    // inside onPredictions, so that the queue's one slot is free and nothing drains it.
+    bool holdInferenceOnFirstPrediction(const std::vector<std::vector<StylusTouchPoint>>& batches) {
+        host.closeGate();
+        for (int b = 0; b < 3; ++b) {
+            if (send(batches[b]) != 0 || (b < 2 && !waitIdle())) {
+                return false;
+            }
+        }
+        return host.waitForCallbackInGate();
+    }
     StylusLibHandle* handle = nullptr;
 };
 
@@ -266,14 +277,7 @@ TEST_F(PipelineTest, BatchesAreScannedFromTheirEnd) {
 TEST_F(PipelineTest, RejectNewestRefusesWhileABatchIsQueuedAndShutdownDrainsIt) {
     Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject Newest")"));
     const auto batches = strokeBatches(0, 5);
-    host.closeGate();
-    for (int b = 0; b < 3; ++b) {
-        ASSERT_EQ(pipeline.send(batches[b]), 0);
-        if (b < 2) {
-            ASSERT_TRUE(pipeline.waitIdle());
-        }
-    }
-    ASSERT_TRUE(host.waitForCallbackInGate());  // the inference thread is held inside onPredictions
+    ASSERT_TRUE(pipeline.holdInferenceOnFirstPrediction(batches));
     EXPECT_EQ(pipeline.send(batches[3]), 0) << "room for one queued batch";
     EXPECT_EQ(pipeline.send(batches[4]), -1) << "refused while the batch waits";
     EXPECT_EQ(areAllInputPointsProcessed(pipeline.handle), 0);
@@ -287,11 +291,8 @@ TEST_F(PipelineTest, RejectNewestRefusesWhileABatchIsQueuedAndShutdownDrainsIt) 
 TEST_F(PipelineTest, BlockPolicyHoldsTheSenderUntilThereIsRoom) {
     Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Block")"));
     const auto batches = strokeBatches(0, 5);
-    host.closeGate();
-    for (int b = 0; b < 4; ++b) {
-        ASSERT_EQ(pipeline.send(batches[b]), 0);
-    }
-    ASSERT_TRUE(host.waitForCallbackInGate());
+    ASSERT_TRUE(pipeline.holdInferenceOnFirstPrediction(batches));
+    ASSERT_EQ(pipeline.send(batches[3]), 0);
     std::atomic<bool> returned{false};
     std::atomic<int> result{1};
     std::thread sender([&] {
@@ -311,14 +312,7 @@ TEST_F(PipelineTest, QueueFullCountIsLoggedAfter120Calls) {
     Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject")"));
     LogCapture log(velmar::Info);
     const auto batches = strokeBatches(0, 4);
-    host.closeGate();
-    for (int b = 0; b < 3; ++b) {
-        ASSERT_EQ(pipeline.send(batches[b]), 0);
-        if (b < 2) {
-            ASSERT_TRUE(pipeline.waitIdle());
-        }
-    }
-    ASSERT_TRUE(host.waitForCallbackInGate());
+    ASSERT_TRUE(pipeline.holdInferenceOnFirstPrediction(batches));
     ASSERT_EQ(pipeline.send(batches[3]), 0);
     for (int call = 5; call <= 120; ++call) {
         ASSERT_EQ(pipeline.send(batches[3]), -1);
