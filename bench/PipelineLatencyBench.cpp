@@ -26,6 +26,7 @@
 
 #include "StylusStrokePredictor.h"
 #include "BenchTempDir.h"
+#include "GeneratedModelKeys.h"
 
 namespace {
 
@@ -56,18 +57,6 @@ std::string writeConfig(const BenchTempDir& dir, const fs::path& model, boost::p
     const std::string config = (dir.path / "predictor.json").string();
     boost::property_tree::write_json(config, tree);
     return config;
-}
-
-boost::property_tree::ptree minimalModelKeys() {
-    boost::property_tree::ptree keys;
-    keys.put("num_historical_points", 10);
-    keys.put("min_num_historical_points", 10);
-    const char* features[] = {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"};
-    for (const char* feature : features) {
-        keys.put(std::string("feature_") + feature + "_min", -10);
-        keys.put(std::string("feature_") + feature + "_max", 10);
-    }
-    return keys;
 }
 
 // What the callback needs, global because the callbacks are plain C functions.
@@ -121,7 +110,7 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
     BenchTempDir dir;
     std::string config;
     if (modelKind == "minimal") {
-        config = writeConfig(dir, fs::path(TEST_MODELS_DIR) / "const_n10_p5.tflite", minimalModelKeys());
+        config = writeConfig(dir, fs::path(TEST_MODELS_DIR) / "const_n10_p5.tflite", generatedModelKeys());
     } else {
         boost::property_tree::ptree shipped;
         boost::property_tree::read_json(g_shippedConfig, shipped);

@@ -29,6 +29,7 @@
 #include "SoakOptions.h"
 #include "StylusStrokePredictor.h"
 #include "velmar/Log.h"
+#include "GeneratedModelKeys.h"
 
 namespace {
 
@@ -98,18 +99,6 @@ struct LogCounts {
 };
 LogCounts g_log;
 
-boost::property_tree::ptree genericModelKeys() {
-    boost::property_tree::ptree keys;
-    keys.put("num_historical_points", 10);
-    keys.put("min_num_historical_points", 10);
-    const char* features[] = {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"};
-    for (const char* feature : features) {
-        keys.put(std::string("feature_") + feature + "_min", -10);
-        keys.put(std::string("feature_") + feature + "_max", 10);
-    }
-    return keys;
-}
-
 // The model keys of the given configuration (or generic ones for a bare model) and pipeline keys that
 // record every accepted batch into one file: chunks never complete a file, so no two files can share
 // a name.
@@ -122,7 +111,7 @@ std::string writeConfig(const soak::SoakOptions& options, const fs::path& dir, c
         modelKeys = source.get_child("PredictionModel");
         model = fs::path(options.config).parent_path() / modelKeys.get<std::string>("model_name");
     } else {
-        modelKeys = genericModelKeys();
+        modelKeys = generatedModelKeys();
         model = options.model;
     }
     fs::copy_file(model, dir / model.filename(), fs::copy_options::overwrite_existing);
