@@ -25,13 +25,21 @@ namespace {
 
 using namespace replay;
 
-// The shipped configuration: from the repository root, else where the build found it.
+// The shipped configuration: from the repository root, else the one installed beside this
+// executable, else where the build found it.
 std::string defaultConfigPath() {
     const std::string relative = "models/stylus_predictor.json";
     std::error_code error;
     if (std::filesystem::exists(relative, error)) {
         return relative;
     }
+#ifdef STYLUS_REPLAY_INSTALLED_CONFIG
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path installed = self.parent_path() / STYLUS_REPLAY_INSTALLED_CONFIG;
+    if (!error && std::filesystem::exists(installed, error)) {
+        return installed.lexically_normal().string();
+    }
+#endif
 #ifdef STYLUS_REPLAY_DEFAULT_CONFIG
     return STYLUS_REPLAY_DEFAULT_CONFIG;
 #else
