@@ -6,12 +6,12 @@
 
 namespace replay {
 
-ProgressLine::ProgressLine(bool enabled)
-    : enabled(enabled), terminal(isatty(STDERR_FILENO) != 0), start(Clock::now()), lastShown(start) {}
+ProgressLine::ProgressLine(bool enabled, std::FILE* out)
+    : enabled(enabled), out(out), terminal(isatty(fileno(out)) != 0), start(Clock::now()), lastShown(start) {}
 
 ProgressLine::~ProgressLine() {
     if (lineOpen) {
-        std::fputc('\n', stderr);
+        std::fputc('\n', out);
     }
 }
 
@@ -26,9 +26,9 @@ void ProgressLine::update(const std::string& label, std::size_t done, std::size_
     }
     lastShown = now;
     const double percent = total > 0 ? 100.0 * static_cast<double>(done) / static_cast<double>(total) : 100.0;
-    std::fprintf(stderr, "%s%s: %zu/%zu batches (%.0f%%)%s", terminal ? "\r\033[K" : "", label.c_str(), done, total,
+    std::fprintf(out, "%s%s: %zu/%zu batches (%.0f%%)%s", terminal ? "\r\033[K" : "", label.c_str(), done, total,
                  percent, terminal ? "" : "\n");
-    std::fflush(stderr);
+    std::fflush(out);
     lineOpen = terminal;
 }
 

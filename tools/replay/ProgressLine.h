@@ -1,16 +1,18 @@
-// A progress line on standard error for long replays: rewritten in place on a terminal, an
+// A progress line for the person at the terminal for long replays: rewritten in place on a terminal, an
 // occasional plain line otherwise, nothing during the first second.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <string>
 
 namespace replay {
 
 class ProgressLine {
 public:
-    explicit ProgressLine(bool enabled);
+    // out: the terminal's standard error, which need not be descriptor 2 any more.
+    ProgressLine(bool enabled, std::FILE* out);
     ~ProgressLine();  // ends a line left open
 
     void update(const std::string& label, std::size_t done, std::size_t total);
@@ -18,6 +20,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     bool enabled;
+    std::FILE* out;
     bool terminal;
     bool lineOpen = false;
     Clock::time_point start;
