@@ -201,23 +201,30 @@ void writeChartLegend(std::ostream& out) {
 
 std::string cell(double value) { return std::isfinite(value) ? fmt(value, 3) : "-"; }
 
-// Means per horizon for each predictor, the best of the three in bold; the p95 in the tooltip.
+// Means per horizon for each predictor, the best of the three in bold; the p95 and the number of
+// points in the tooltip.
 void writeTable(std::ostream& out, const ReplaySummary& summary, bool charged) {
-    out << "<table class='figures'>\n<tr><th rowspan='2'>recording</th><th rowspan='2'>strokes</th>"
-           "<th rowspan='2'>dropped inside / past end</th>";
+    out << "<div class='scroll'><table class='figures'>\n<tr><th rowspan='2'>recording</th><th rowspan='2'>strokes</th>"
+           "<th rowspan='2'>points at +"
+        << (summary.horizons.empty() ? 0 : summary.horizons.back().ms)
+        << " ms</th><th rowspan='2'>dropped inside / past end</th>";
     for (const HorizonSummary& h : summary.horizons) {
-        out << "<th colspan='4'>+" << h.ms << " ms</th>";
+        out << "<th colspan='3'>+" << h.ms << " ms</th>";
     }
     out << "</tr>\n<tr>";
     for (std::size_t i = 0; i < summary.horizons.size(); ++i) {
-        out << "<th>points</th><th>model</th><th>LS3</th><th>CV</th>";
+        out << "<th>model</th><th>LS3</th><th>CV</th>";
     }
     out << "</tr>\n";
     const auto row = [&](const std::string& name, const std::string& strokes, const ReplayCounts& counts,
                          const std::vector<HorizonSummary>& horizons, const char* rowClass) {
         const std::string base = name.substr(name.find_last_of('/') == std::string::npos ? 0 : name.find_last_of('/') + 1);
+        const PointSetSummary* lastSet = nullptr;
+        if (!horizons.empty()) {
+            lastSet = charged ? &horizons.back().charged : &horizons.back().common;
+        }
         out << "<tr class='" << rowClass << "'><td title='" << escapeHtml(name) << "'>" << escapeHtml(base)
-            << "</td><td>" << strokes << "</td><td>"
+            << "</td><td>" << strokes << "</td><td>" << (lastSet != nullptr ? lastSet->count : 0) << "</td><td>"
             << counts.droppedInside << " / " << counts.droppedPastEnd << "</td>";
         for (const HorizonSummary& h : horizons) {
             const PointSetSummary& set = charged ? h.charged : h.common;
@@ -228,9 +235,8 @@ void writeTable(std::ostream& out, const ReplaySummary& summary, bool charged) {
                     best = std::min(best, d->mean);
                 }
             }
-            out << "<td>" << set.count << "</td>";
             for (const DistributionSummary* d : cells) {
-                out << "<td title='p95 " << cell(d->p95) << " mm'"
+                out << "<td title='p95 " << cell(d->p95) << " mm, " << set.count << " points'"
                     << (std::isfinite(d->mean) && d->mean == best ? " class='best'" : "") << ">" << cell(d->mean)
                     << "</td>";
             }
@@ -242,7 +248,7 @@ void writeTable(std::ostream& out, const ReplaySummary& summary, bool charged) {
     }
     row("macro average", "", summary.counts, summary.macroAverage, "total");
     row("pooled", std::to_string(summary.counts.strokes), summary.counts, summary.horizons, "total");
-    out << "</table>\n";
+    out << "</table></div>\n";
 }
 
 void writeDropTable(std::ostream& out, const ReplaySummary& summary) {
@@ -311,6 +317,20 @@ const char* const drawingScript = R"JS(
     box.addEventListener('change', () => { shown[key] = box.checked; render(); });
   });
 
+  // A click zooms in twice around the clicked point; "whole stroke" shows it all again.
+  const view = {zoom: 1, x: null, y: null, toData: null};
+  canvas.addEventListener('click', (e) => {
+    if (!view.toData) return;
+    const rect = canvas.getBoundingClientRect();
+    const p = view.toData(e.clientX - rect.left, e.clientY - rect.top);
+    view.x = p[0];
+    view.y = p[1];
+    view.zoom = Math.min(view.zoom * 2, 256);
+    render();
+  });
+  function resetView() { view.zoom = 1; view.x = null; view.y = null; }
+  document.getElementById('whole').addEventListener('click', () => { resetView(); render(); });
+
   function recording() { return data.recordings[Number(recordingSelect.value)]; }
   function stroke() {
     const r = recording();
@@ -367,9 +387,10 @@ const char* const drawingScript = R"JS(
     for (let i = 0; i < s.xy.length; i += 2) grow(s.xy[i], s.xy[i + 1]);
     s.batches.forEach((b) => b[2].forEach((p) => grow(p[2], p[3])));
     const pad = 24;
-    const scale = Math.min((width - 2 * pad) / Math.max(maxX - minX, 1), (height - 2 * pad) / Math.max(maxY - minY, 1));
-    const offX = (width - (maxX - minX) * scale) / 2, offY = (height - (maxY - minY) * scale) / 2;
-    const X = (x) => offX + (x - minX) * scale, Y = (y) => offY + (y - minY) * scale;
+    const scale = view.zoom * Math.min((width - 2 * pad) / Math.max(maxX - minX, 1), (height - 2 * pad) / Math.max(maxY - minY, 1));
+    const centreX = view.x === null ? (minX + maxX) / 2 : view.x, centreY = view.y === null ? (minY + maxY) / 2 : view.y;
+    const X = (x) => width / 2 + (x - centreX) * scale, Y = (y) => height / 2 + (y - centreY) * scale;
+    view.toData = (px, py) => [centreX + (px - width / 2) / scale, centreY + (py - height / 2) / scale];
 
     ctx.strokeStyle = '#222';
     ctx.lineWidth = 1.5;
@@ -422,12 +443,13 @@ const char* const drawingScript = R"JS(
 
   function step(by) {
     strokeInput.value = String(Number(strokeInput.value) + by);
+    resetView();
     render();
   }
   document.getElementById('previous').addEventListener('click', () => step(-1));
   document.getElementById('next').addEventListener('click', () => step(1));
-  strokeInput.addEventListener('change', render);
-  recordingSelect.addEventListener('change', () => { strokeInput.value = '1'; render(); });
+  strokeInput.addEventListener('change', () => { resetView(); render(); });
+  recordingSelect.addEventListener('change', () => { strokeInput.value = '1'; resetView(); render(); });
   window.addEventListener('resize', render);
   const drawnPoints = render();
   document.body.setAttribute('data-rendered', String(drawnPoints));
@@ -531,7 +553,7 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
            ".legend svg{vertical-align:-2px;margin-right:3px}\n"
            "table.figures{border-collapse:collapse;font-size:12px;margin:8px 0 16px}\n"
            "table.figures td,table.figures th{border:1px solid #ddd;padding:2px 6px;text-align:right}\n"
-           "table.figures td:first-child{text-align:left;max-width:260px;overflow-wrap:anywhere}\n"
+           "table.figures td:first-child{text-align:left;white-space:nowrap}\n.scroll{overflow-x:auto}\n"
            "table.figures tr.total td{background:#f3f3f3}\ntd.best{font-weight:bold}\n"
            "pre{background:#f6f6f6;padding:12px;overflow-x:auto}\n</style>\n"
            "<script>window.addEventListener('error', function (e) {"
@@ -544,7 +566,7 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
     out << "<h2>Strokes and predictions</h2>\n<div class='controls'><label>Recording <select id='recording'>"
            "</select></label><span><button id='previous' type='button'>&#8592;</button> stroke "
            "<input id='stroke' type='number' min='1' value='1' style='width:5em'> "
-           "<button id='next' type='button'>&#8594;</button></span>"
+           "<button id='next' type='button'>&#8594;</button> <button id='whole' type='button'>whole stroke</button></span>"
            "<label><input id='show-model' type='checkbox' checked>model</label>"
            "<label><input id='show-truth' type='checkbox' checked>true position</label>"
            "<label><input id='show-ls' type='checkbox' checked>least squares (3)</label>"
@@ -563,7 +585,8 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
            "<span>colour: horizon; orange line: from the batch's newest sample through its predictions</span></div>\n";
     out << "<canvas id='drawing'></canvas>\n<p class='note' id='stroke-info'></p>\n";
     out << "<p class='note'>Of each recording the first strokes are drawn, up to about " << sampleBudget
-        << " samples; every figure below counts all of them. Arrow buttons or the number choose the stroke.</p>\n";
+        << " samples; every figure below counts all of them. Arrow buttons or the number choose the stroke; a click "
+           "on the drawing zooms in around that point.</p>\n";
 
     out << "<h2>Per recording</h2>\n<p class='note'>Mean error in mm (95th percentile on hover), best of the three "
            "in bold. LS3: least-squares velocity over the last 3 samples; CV: constant velocity from the last 2. "
