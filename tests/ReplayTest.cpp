@@ -438,9 +438,14 @@ TEST(CommandLineTest, ParsesOptionsRejectsBadOnesAndExpandsDirectories) {
     EXPECT_TRUE(options.realtime);
     EXPECT_EQ(options.jsonPath, "s.json");
     EXPECT_EQ(options.inputs, (std::vector<std::string>{"a.csv", "b"}));
+    EXPECT_EQ(std::make_tuple(options.logPath, options.verbose), std::make_tuple(std::string(), false));
+    EXPECT_EQ(CommandLine::parse({"--log=run.log", "a.csv"}).logPath, "run.log");
+    EXPECT_TRUE(CommandLine::parse({"--verbose", "a.csv"}).verbose);
     const std::vector<std::vector<std::string>> bad = {
         {"a.csv", "--batch-size", "0"}, {"a.csv", "--batch-size", "4x"}, {"a.csv", "--json"}, {"--frobnicate", "a.csv"},
-        {"--realtime=1", "a.csv"},      {}};
+        {"--realtime=1", "a.csv"},      {},
+        {"--log", "x.log", "--verbose", "a.csv"},  // the log goes to one place
+        {"--log=", "a.csv"}};
     for (const auto& args : bad) {
         EXPECT_THROW(CommandLine::parse(args), ReplayError) << ::testing::PrintToString(args);
     }

@@ -75,3 +75,24 @@ string(FIND "${summary}" "Library log:" at)
 if(NOT at EQUAL -1)
   message(FATAL_ERROR "--verbose names a log file:\n${summary}")
 endif()
+
+# On a terminal (a pseudo-terminal from util-linux's script): the progress line in its final state,
+# then the summary, and nothing else.
+find_program(SCRIPT script)
+if(SCRIPT)
+  file(REMOVE ${run}/stylus-replay.log)
+  execute_process(
+    COMMAND ${SCRIPT} -qfec "${REPLAY} --config stylus_predictor.json ${SOURCE_DIR}/tools/sample/sample_240hz.csv"
+            /dev/null
+    WORKING_DIRECTORY ${run}
+    RESULT_VARIABLE status OUTPUT_VARIABLE screen ERROR_VARIABLE ignored)
+  string(ASCII 27 escape)
+  string(REPLACE "\r${escape}[K" "" screen "${screen}")
+  string(REPLACE "\r" "" screen "${screen}")
+  string(REGEX MATCH
+         "^recording 1/1 [^\n]*sample_240hz.csv: ([0-9]+)/([0-9]+) batches \\(100%\\)\nReplay of 1 recording [^\n]*\n.*\n\nLibrary log: stylus-replay.log\n$"
+         whole "${screen}")
+  if(NOT status EQUAL 0 OR NOT whole OR NOT CMAKE_MATCH_1 EQUAL CMAKE_MATCH_2 OR NOT EXISTS ${run}/stylus-replay.log)
+    message(FATAL_ERROR "on a terminal (status ${status}) more or less than the progress line and the summary:\n${screen}")
+  endif()
+endif()

@@ -182,8 +182,8 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
                          [](const PointResult& a, const PointResult& b) { return a.timestamp < b.timestamp; });
         for (std::size_t i = first; i < results.size(); ++i) {
             addPoint(counts, own.horizons, results[i]);
-            ReplayCounts ignored;
-            addPoint(ignored, sums.horizons, results[i]);
+            ReplayCounts summedBelow;  // the pooled counts are the recordings' counts added up
+            addPoint(summedBelow, sums.horizons, results[i]);
         }
     }
 

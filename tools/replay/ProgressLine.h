@@ -1,5 +1,5 @@
-// A progress line for the person at the terminal for long replays: rewritten in place on a terminal, an
-// occasional plain line otherwise, nothing during the first second.
+// A progress line for the person at the terminal: rewritten in place on a terminal and left there in
+// its final state; off a terminal an occasional plain line, nothing during the first second.
 #pragma once
 
 #include <chrono>
@@ -18,11 +18,16 @@ public:
     void update(const std::string& label, std::size_t done, std::size_t total);
 
 private:
+    void show(const std::string& label, std::size_t done, std::size_t total);
+
     using Clock = std::chrono::steady_clock;
     bool enabled;
     std::FILE* out;
     bool terminal;
     bool lineOpen = false;
+    std::string lastLabel;  // kept on a terminal only, for the final state
+    std::size_t lastDone = 0;
+    std::size_t lastTotal = 0;
     Clock::time_point start;
     Clock::time_point lastShown;
 };
