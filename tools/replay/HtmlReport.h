@@ -27,7 +27,7 @@ public:
 private:
     struct DrawnStroke {
         std::vector<float> samples;  // x, y, ...
-        std::string predictions;  // JSON rows, see writeData
+        std::string predictions;     // JSON rows, see writeData
     };
     struct DrawnRecording {
         std::string path;

@@ -51,17 +51,17 @@ void horizons(std::ostream& out, const std::vector<HorizonSummary>& rows, const 
         out << (i > 0 ? ",\n" : "\n") << indent << "  {\"ms\": " << h.ms << ", \"index\": " << h.index
             << ", \"predictions\": " << h.predictions << ", \"past_stroke_end\": " << h.pastStrokeEnd
             << ", \"dropped_inside_stroke\": " << h.droppedInside << ", \"dropped_past_end\": " << h.droppedPastEnd
-            << ",\n" << indent << "   \"model\": " << distribution(h.model)
-            << ",\n" << indent << "   \"constant_velocity\": " << distribution(h.constantVelocity)
-            << ",\n" << indent << "   \"predicted_by_all\": " << pointSet(h.common)
-            << ",\n" << indent << "   \"drops_charged\": " << pointSet(h.charged) << "}";
+            << ",\n"
+            << indent << "   \"model\": " << distribution(h.model) << ",\n"
+            << indent << "   \"constant_velocity\": " << distribution(h.constantVelocity) << ",\n"
+            << indent << "   \"predicted_by_all\": " << pointSet(h.common) << ",\n"
+            << indent << "   \"drops_charged\": " << pointSet(h.charged) << "}";
     }
     out << (rows.empty() ? "]" : "\n" + indent + "]");
 }
 
 std::string latency(const LatencySummary& l) {
-    return "{\"count\": " + std::to_string(l.count) + ", \"p50\": " + real(l.p50) + ", \"p99\": " + real(l.p99) +
-           "}";
+    return "{\"count\": " + std::to_string(l.count) + ", \"p50\": " + real(l.p50) + ", \"p99\": " + real(l.p99) + "}";
 }
 
 }  // namespace
@@ -70,11 +70,21 @@ std::string JsonSummary::escape(const std::string& value) {
     std::string escaped;
     for (const char c : value) {
         switch (c) {
-            case '"': escaped += "\\\""; break;
-            case '\\': escaped += "\\\\"; break;
-            case '\n': escaped += "\\n"; break;
-            case '\r': escaped += "\\r"; break;
-            case '\t': escaped += "\\t"; break;
+            case '"':
+                escaped += "\\\"";
+                break;
+            case '\\':
+                escaped += "\\\\";
+                break;
+            case '\n':
+                escaped += "\\n";
+                break;
+            case '\r':
+                escaped += "\\r";
+                break;
+            case '\t':
+                escaped += "\\t";
+                break;
             default:
                 if (static_cast<unsigned char>(c) < 0x20) {
                     char code[8];
@@ -98,9 +108,8 @@ void JsonSummary::write(std::ostream& out, const ReplaySummary& s) {
     }
     out << "],\n";
     out << "  \"settings\": {\"batch_size\": " << s.batchSize << ", \"realtime\": " << (s.realtime ? "true" : "false")
-        << ", \"queue_full_policy\": " << text(s.queueFullPolicy) << ", \"prediction_step_ms\": "
-        << s.predictionStepMs << ", \"num_predictions\": " << s.numPredictions
-        << ", \"mm_per_pixel\": " << real(s.mmPerPixel) << "},\n";
+        << ", \"queue_full_policy\": " << text(s.queueFullPolicy) << ", \"prediction_step_ms\": " << s.predictionStepMs
+        << ", \"num_predictions\": " << s.numPredictions << ", \"mm_per_pixel\": " << real(s.mmPerPixel) << "},\n";
     out << "  \"counts\": " << counts(s.counts) << ",\n";
     out << "  \"horizons\": ";
     horizons(out, s.horizons, "  ");

@@ -24,9 +24,12 @@ std::string csvField(const std::string& text) {
 
 const char* whereName(TruthPoint::Where where) {
     switch (where) {
-        case TruthPoint::Where::Inside: return "inside";
-        case TruthPoint::Where::BeforeStart: return "before_start";
-        case TruthPoint::Where::PastEnd: break;
+        case TruthPoint::Where::Inside:
+            return "inside";
+        case TruthPoint::Where::BeforeStart:
+            return "before_start";
+        case TruthPoint::Where::PastEnd:
+            break;
     }
     return "past_end";
 }

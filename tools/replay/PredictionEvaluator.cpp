@@ -49,8 +49,8 @@ void addPoint(ReplayCounts& counts, HorizonMap& horizons, const PointResult& r) 
 PredictionEvaluator::PredictionEvaluator(double mmPerPixel, int predictionStepMs, int numPredictions)
     : mmPerPixel(mmPerPixel), predictionStepMs(predictionStepMs), numPredictions(numPredictions) {}
 
-PointResult PredictionEvaluator::measure(const Recording& recording, const Batching& batching,
-                                         std::size_t batchIndex, uint64_t baseTimestamp, uint64_t timestamp) const {
+PointResult PredictionEvaluator::measure(const Recording& recording, const Batching& batching, std::size_t batchIndex,
+                                         uint64_t baseTimestamp, uint64_t timestamp) const {
     const Batch& batch = batching.batches[batchIndex];
     const Stroke& stroke = batching.strokes[batch.stroke];
     const StylusTouchPoint* strokeSamples = recording.samples.data() + stroke.first;
@@ -155,8 +155,7 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
         ++counts.predictedBatches;
         sums.modelLatencyUs.add(static_cast<double>(callback.modelLatencyUs));
         const auto sendToCallback = callback.receivedAt - sends[match].returnedAt;
-        sums.sendToCallbackUs.add(
-            std::max(0.0, std::chrono::duration<double, std::micro>(sendToCallback).count()));
+        sums.sendToCallbackUs.add(std::max(0.0, std::chrono::duration<double, std::micro>(sendToCallback).count()));
 
         const std::size_t first = results.size();
         for (const PredictedStylusCoordinate& predicted : callback.coordinates) {
@@ -167,7 +166,8 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
             results.push_back(result);
         }
         for (int k = 1; k <= numPredictions && predictionStepMs > 0; ++k) {
-            const uint64_t due = callback.timestamp + static_cast<uint64_t>(k) * static_cast<uint64_t>(predictionStepMs);
+            const uint64_t due =
+                callback.timestamp + static_cast<uint64_t>(k) * static_cast<uint64_t>(predictionStepMs);
             const bool delivered = std::any_of(results.begin() + static_cast<std::ptrdiff_t>(first), results.end(),
                                                [due](const PointResult& r) { return r.timestamp == due; });
             if (!delivered) {

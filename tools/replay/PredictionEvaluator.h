@@ -48,10 +48,10 @@ struct HorizonTotals {
     std::size_t beforeStrokeStart = 0;
     std::size_t droppedInside = 0;   // left out although the stroke went on
     std::size_t droppedPastEnd = 0;  // left out, rightly: the stroke had ended
-    ErrorStats model;             // millimetres, predictions Inside their stroke
-    ErrorStats constantVelocity;  // millimetres, same base points and horizons
-    PointSetTotals common;   // Inside, delivered by the model and guessed by both baselines
-    PointSetTotals charged;  // common plus the drops Inside, charged as "no prediction"
+    ErrorStats model;                // millimetres, predictions Inside their stroke
+    ErrorStats constantVelocity;     // millimetres, same base points and horizons
+    PointSetTotals common;           // Inside, delivered by the model and guessed by both baselines
+    PointSetTotals charged;          // common plus the drops Inside, charged as "no prediction"
 };
 
 struct ReplayCounts {

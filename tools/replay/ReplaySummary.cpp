@@ -94,7 +94,7 @@ struct PointSetAverage {
 };
 
 std::vector<HorizonSummary> averageOverRecordings(const std::vector<RecordingSummary>& recordings,
-                                         const std::vector<HorizonSummary>& pooled) {
+                                                  const std::vector<HorizonSummary>& pooled) {
     std::vector<HorizonSummary> rows;
     for (std::size_t h = 0; h < pooled.size(); ++h) {
         HorizonSummary row;

@@ -109,8 +109,10 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
 
     if (!s.horizons.empty()) {
         const std::size_t last = s.horizons.size() - 1;
-        out << "\nPer recording at +" << s.horizons[last].ms << " ms, mm, drops charged\n" << std::string(21, ' ') << predictors;
-        out << "  recording                       points     mean      p95     mean      p95     mean      p95   dropped\n";
+        out << "\nPer recording at +" << s.horizons[last].ms << " ms, mm, drops charged\n"
+            << std::string(21, ' ') << predictors;
+        out << "  recording                       points     mean      p95     mean      p95     mean      p95"
+               "   dropped\n";
         const auto row = [&](const std::string& name, const HorizonSummary& h) {
             out << "  " << shortName(name, 28) << count(h.charged.count, 10) << figures(h.charged)
                 << count(h.droppedInside, 10) << "\n";
