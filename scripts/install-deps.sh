@@ -10,6 +10,7 @@ packages=(
   libboost-dev libboost-filesystem-dev libboost-system-dev
   libarmnn-dev libarmnntfliteparser-dev libarmnn-cpuref-backend22
   python3 python3-numpy python3-flatbuffers
+  python3-jsonschema chromium
   "$@"
 )
 
