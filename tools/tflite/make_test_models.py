@@ -21,6 +21,9 @@ outputs: output 0 [1, 10] (x, y displacement per predicted point) and output 1 [
   mlp_n10_p5.expected     its reference: little-endian float32 input (60 values), then the numpy
                           forward pass's output 0 (10 values) and output 1 (5 values).
   unsupported_op.tflite   a valid .tflite whose only operator is a custom op no runtime knows.
+  rows_of_5_n12.tflite    input [1, 12, 5]: as many floats as ten rows of six, in rows of the wrong
+                          width; outputs as const_n10_p5.
+  one_head_n10.tflite     n = 10 with output 0 only.
 """
 
 import os
@@ -96,6 +99,8 @@ def main():
     write_mlp(os.path.join(outdir, "copy_n10_p5.tflite"), 10, [], copy_heads(10))
     write_reference_mlp(outdir)
     write_unsupported(os.path.join(outdir, "unsupported_op.tflite"))
+    write_mlp(os.path.join(outdir, "rows_of_5_n12.tflite"), 12, [], constant_heads(10), input_features=5)
+    write_mlp(os.path.join(outdir, "one_head_n10.tflite"), 10, [], constant_heads(10)[:1])
 
 
 if __name__ == "__main__":
