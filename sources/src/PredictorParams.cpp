@@ -113,6 +113,7 @@ PredictorParams::PredictorParams(const std::string& configFile) {
     READ_LOGGED(std::string, "Pipeline.dataFileDirectory", "", dataFileDirectory,
                             "Data File Directory : ");
     READ_LOGGED(int, "Pipeline.diskFillPercentTh", 30, diskFillPercentTh, "diskFillPercentTh : ");
+    READ_LOGGED(std::string, "Pipeline.diskCheckPath", "/data/", diskCheckPath, "diskCheckPath : ");
 }
 
 }  // namespace styluspipeline

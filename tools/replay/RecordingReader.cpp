@@ -8,11 +8,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "RecordingFormat.h"
 #include "ReplayError.h"
 
 namespace replay {
 
-const char* const RecordingReader::header = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag";
+const char* const RecordingReader::header = recordingformat::kHeader;
 
 namespace {
 

@@ -1,0 +1,38 @@
+#include "RecordingCount.h"
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+
+#include "RecordingFormat.h"
+
+namespace soak {
+
+RecordingCount RecordingCount::of(const std::filesystem::path& dir) {
+    RecordingCount result;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        if (entry.path().extension() == ".tmp") {
+            ++result.tmpFiles;
+            continue;
+        }
+        if (entry.path().extension() != ".dat") {
+            continue;
+        }
+        ++result.datFiles;
+        std::ifstream in(entry.path());
+        std::string line;
+        std::getline(in, line);
+        if (line != recordingformat::kHeader) {
+            ++result.badHeaders;
+        }
+        while (std::getline(in, line)) {
+            ++result.rows;
+            if (std::count(line.begin(), line.end(), ',') != 6) {
+                ++result.malformedRows;
+            }
+        }
+    }
+    return result;
+}
+
+}  // namespace soak
