@@ -21,6 +21,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "RecordingFormat.h"
 #include "TestSupport.h"
 
 using testsupport::LogCapture;
@@ -29,7 +30,7 @@ using testsupport::TempDir;
 
 namespace {
 
-const std::string kHeader = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n";
+const std::string kHeader = recordingformat::kHeaderLine;
 const std::string kPrefix = "stylus_input_events_";
 
 StylusTouchPoint sample(uint64_t timestamp) {

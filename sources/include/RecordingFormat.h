@@ -3,6 +3,7 @@
 // Header-only, so that tools which see only the records can use it without the library.
 #pragma once
 
+#include <array>
 #include <cinttypes>
 #include <cstddef>
 #include <cstdio>
@@ -17,6 +18,10 @@ constexpr const char* kHeader = "timestamp,x_pos,y_pos,pressure,tilt,orientation
 // The same line as it stands in the file.
 constexpr const char* kHeaderLine = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n";
 constexpr std::size_t kHeaderLineLength = 52;
+constexpr std::size_t kFieldCount = 7;
+// The header's field names, in row order.
+constexpr std::array<const char*, kFieldCount> kFieldNames = {"timestamp", "x_pos",       "y_pos", "pressure",
+                                                              "tilt",      "orientation", "tag"};
 
 // Longest row: a 20-digit timestamp, five floats of up to 39 integer digits, sign and 7 decimals,
 // an 11-character tag, six commas and the line end.

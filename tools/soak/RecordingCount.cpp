@@ -1,10 +1,10 @@
 #include "RecordingCount.h"
 
-#include <algorithm>
 #include <fstream>
 #include <string>
 
 #include "RecordingFormat.h"
+#include "RecordingParse.h"
 
 namespace soak {
 
@@ -27,7 +27,9 @@ RecordingCount RecordingCount::of(const std::filesystem::path& dir) {
         }
         while (std::getline(in, line)) {
             ++result.rows;
-            if (std::count(line.begin(), line.end(), ',') != 6) {
+            // Non-finite values are recorded as the host sent them; only the structure must hold.
+            const recordingformat::ParsedRow row = recordingformat::parseRow(line);
+            if (row.fieldsFound != recordingformat::kFieldCount || row.badField == 0 || row.badField == 6) {
                 ++result.malformedRows;
             }
         }
