@@ -13,11 +13,12 @@
 
 namespace recordingformat {
 
+#define RECORDING_FORMAT_HEADER "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag"
 // The first line of every recording, without its line end.
-constexpr const char* kHeader = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag";
+constexpr const char* kHeader = RECORDING_FORMAT_HEADER;
 // The same line as it stands in the file.
-constexpr const char* kHeaderLine = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n";
-constexpr std::size_t kHeaderLineLength = 52;
+constexpr const char* kHeaderLine = RECORDING_FORMAT_HEADER "\n";
+#undef RECORDING_FORMAT_HEADER
 constexpr std::size_t kFieldCount = 7;
 // The header's field names, in row order.
 constexpr std::array<const char*, kFieldCount> kFieldNames = {"timestamp", "x_pos",       "y_pos", "pressure",
