@@ -386,11 +386,14 @@ TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
          " not finished: left as it is, not a recording: DIR/d.dat.tmp: Invalid argument"},
         {"e.dat.tmp", kHeader + torn, "e_1.dat", kHeader, " finished as DIR/e_1.dat, 6 bytes of a torn last row dropped"},
         {"f.dat.tmp", kHeader + rows(1, 1), nullptr, "", " is still being written"},
+        {"g.dat.tmp", kHeader + rows(1, 1), nullptr, "",
+         " not finished: already published under another name, DIR/g.dat.tmp removed"},
     };
     for (const Case& c : cases) {
         testsupport::writeFile(dir.file(c.name), c.content);
     }
     testsupport::writeFile(dir.file("e.dat"), "taken");
+    ASSERT_EQ(link(dir.file("g.dat.tmp").c_str(), dir.file("g.dat").c_str()), 0);  // ended before removing it
     const int held = open(dir.file("f.dat.tmp").c_str(), O_RDWR);
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
     LogCapture log;
@@ -410,7 +413,9 @@ TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
     EXPECT_EQ(readFile(dir.file("d.dat.tmp")), "not a recording\n");
     EXPECT_EQ(readFile(dir.file("e.dat")), "taken");
     EXPECT_EQ(readFile(dir.file("f.dat.tmp")), kHeader + rows(1, 1));
-    EXPECT_EQ(filesIn(dir.path()).size(), 6u);  // a, b, d, e, e_1, f and nothing else
+    EXPECT_FALSE(boost::filesystem::exists(dir.file("g.dat.tmp")));
+    EXPECT_EQ(readFile(dir.file("g.dat")), kHeader + rows(1, 1));
+    EXPECT_EQ(filesIn(dir.path()).size(), 7u);  // a, b, d, e, e_1, f, g and nothing else
 }
 
 TEST(StylusDataWriterTest, DiskFillPercentIsTheUsedShareRoundedDown) {

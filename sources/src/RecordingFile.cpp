@@ -223,6 +223,14 @@ bool RecordingFile::recover(const std::string& tmpPath, std::string& datPath, ui
         ::close(fd);
         return false;
     }
+    // A process that ended between publishing and removing the .tmp left a second name of a
+    // published file: publishing it again would duplicate its rows.
+    if (opened.st_nlink > 1) {
+        ::unlink(tmpPath.c_str());
+        ::close(fd);
+        error = "already published under another name, " + tmpPath + " removed";
+        return false;
+    }
     const uint64_t size = static_cast<uint64_t>(opened.st_size);
     const std::string header = recordingformat::kHeaderLine;
     std::string start(header.size(), '\0');
