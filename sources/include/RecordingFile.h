@@ -37,7 +37,8 @@ public:
 
     // Finishes a .dat.tmp left by a process that ended while recording: a torn last line is cut off
     // and the file is published. Skipped (false, empty error) while its writer still holds it.
-    // A file too short to hold the header is removed; one that does not start with it is left alone.
+    // A file too short to hold the header is removed, one that does not start with it is left alone,
+    // and one already published under another name only loses its .tmp name (false, with a reason).
     static bool recover(const std::string& tmpPath, std::string& datPath, uint64_t& droppedBytes,
                         std::string& error);
 
