@@ -88,7 +88,8 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
                      "modelParams.save_metrics_interval : 5000", "modelParams.predictionErrorMeasurementWindow : 120",
                      "Enable debug writing : false", "canControlDataWritingAtRunTime : false",
                      "chunkSizeInRecords : 100", "numChunksInFile : 100000",
-                     "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30"}));
+                     "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30",
+                     "diskCheckPath : /data/"}));
     for (const auto& line : log.lines()) {
         EXPECT_EQ(std::make_tuple(line.priority, line.tag, line.function),
                   std::make_tuple(velmar::Info, std::string("StylusPredictor-params"), std::string("PredictorParams")));
@@ -100,7 +101,7 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
         "Pipeline": {"QueueFullPolicy": "Reject Newest", "cpusetFile": "/dev/cpuset/fg/tasks", "coreaffinity": 6,
                      "enableDataWriting": "true", "canControlDataWritingAtRunTime": "1",
                      "chunkSizeInRecords": 50, "numChunksInFile": 7, "dataFileNameSuffix": "s",
-                     "dataFileDirectory": "/data/x", "diskFillPercentTh": 80},
+                     "dataFileDirectory": "/data/x", "diskFillPercentTh": 80, "diskCheckPath": "/data/x"},
         "PredictionModel": {"model_name": "net.tflite", "stroke_end_thres": 0.25, "num_predictions": 3,
                             "prediction_time_delta_ms": 8, "num_historical_points": 40, "mm_per_inch": 25,
                             "pixel_per_inch": 400, "feature_xpos_max": 12.5, "feature_xpos_min": 1,
@@ -117,6 +118,7 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
                               p.dataFileNameSuffix, p.dataFileDirectory, p.diskFillPercentTh),
               std::make_tuple(QueueFullPolicy::RejectNewest, std::string("/dev/cpuset/fg/tasks"), 6, true, true, 50, 7,
                               std::string("s"), std::string("/data/x"), 80));
+    EXPECT_EQ(p.diskCheckPath, "/data/x");
     // The minimum history follows the history length when not given.
     EXPECT_EQ(std::make_tuple(m.model_path, m.stroke_end_thres, m.num_predictions, m.prediction_time_delta_ms,
                               m.num_historcal_points, m.min_num_historical_points, m.mm_per_inch, m.pixel_per_inch,

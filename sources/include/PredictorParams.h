@@ -29,6 +29,7 @@ struct PredictorParams {
     std::string dataFileNameSuffix;
     std::string dataFileDirectory;
     int32_t diskFillPercentTh = 30;  // highest disk fill, percent, at which a new recording file opens
+    std::string diskCheckPath = "/data/";  // a path on the file system that holds the recordings
     std::string logTag = "StylusPredictor-params";
 };
 

@@ -230,6 +230,7 @@ PredictorParams::PredictorParams(const std::string& configFile) {
                 "Data File Name Suffix : ");
     READ_LOGGED(config.text("Pipeline.dataFileDirectory", ""), dataFileDirectory, "Data File Directory : ");
     READ_LOGGED(config.integer("Pipeline.diskFillPercentTh", 30, 0, 100), diskFillPercentTh, "diskFillPercentTh : ");
+    READ_LOGGED(config.text("Pipeline.diskCheckPath", "/data/"), diskCheckPath, "diskCheckPath : ");
 }
 
 }  // namespace styluspipeline

@@ -4,14 +4,11 @@
 
 #include "StylusPointMessage.h"
 #include "StylusStrokePredictor.h"
+#include "StylusLibHandle.h"
 #include "StylusStrokePredictorImpl.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/StylusStrokePredictor"
-
-struct StylusLibHandle {
-    styluspipeline::StylusStrokePredictorImpl* impl;
-};
 
 extern "C" {
 
