@@ -2,6 +2,7 @@
 // members' bool form map to 0 on success and -1 on failure.
 #include <cstdlib>
 
+#include "BatchScan.h"
 #include "StylusPointMessage.h"
 #include "StylusStrokePredictor.h"
 #include "StylusLibHandle.h"
@@ -43,23 +44,11 @@ int sendInputTouchPoints(StylusLibHandle* handle, const StylusTouchPoint* points
         return -1;
     }
     StylusPointMessage message;
-    // Scan from the end: the last pen-down or pen-up sample marks the stroke boundary, and only the
-    // move samples after it are kept (the latest sample wins for a repeated timestamp).
-    for (int index = numPoints > 0 ? numPoints - 1 : -1; index >= 0; --index) {
-        const StylusTouchPoint& point = points[index];
-        if (point.tag == STYLUS_TAG_PEN_DOWN) {
-            message.hasStrokeBoundary = true;
-            message.strokeBoundaryPoint = point;
-            VELMAR_LOG(velmar::Verbose, kInputTag, "Down Event detected ; numPoints : " << numPoints);
-            break;
-        }
-        if (point.tag == STYLUS_TAG_PEN_UP) {
-            message.hasStrokeBoundary = true;
-            message.strokeBoundaryPoint = point;
-            VELMAR_LOG(velmar::Verbose, kInputTag, "Up Event detected ; numPoints : " << numPoints);
-            break;
-        }
-        message.points.emplace(point.timestamp, point);
+    styluspipeline::scanBatch(points, numPoints > 0 ? static_cast<std::size_t>(numPoints) : 0, message);
+    if (message.hasStrokeBoundary) {
+        VELMAR_LOG(velmar::Verbose, kInputTag,
+                   (message.strokeBoundaryPoint.tag == STYLUS_TAG_PEN_DOWN ? "Down" : "Up")
+                       << " Event detected ; numPoints : " << numPoints);
     }
     VELMAR_LOG(velmar::Verbose, kInputTag, "Sending a batch of " << numPoints << " points");
     return handle->impl->sendInputTouchPoints(message) ? 0 : -1;
