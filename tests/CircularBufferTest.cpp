@@ -14,16 +14,12 @@ using Buffer = CircularBuffer<StylusModelInputFeatures>;
 
 StylusModelInputFeatures row(float v) { return {v, v + 0.5f, -v, v * 2, v + 1, v - 1}; }
 
-std::array<float, 6> fields(const StylusModelInputFeatures& r) {
-    return {r.timestamp, r.xpos, r.ypos, r.pressure, r.tilt, r.orientation};
-}
-
 // Row values of the buffer, oldest first; a zero-filled row reads as 0 and row(v) as v.
 std::vector<float> contents(const Buffer& buffer) {
     std::vector<float> values;
     for (uint32_t i = 0; i < buffer.size(); ++i) {
         const float v = buffer[i].timestamp;
-        EXPECT_EQ(fields(buffer[i]), fields(v == 0 ? StylusModelInputFeatures{} : row(v))) << "row " << i;
+        EXPECT_EQ(styluspipeline::featureValues(buffer[i]), styluspipeline::featureValues(v == 0 ? StylusModelInputFeatures{} : row(v))) << "row " << i;
         values.push_back(v);
     }
     return values;

@@ -59,7 +59,7 @@ Batch samples(int first, int last) {
     return batch;
 }
 
-using Row = std::array<float, 6>;
+using Row = std::array<float, styluspipeline::kInputFeatureCount>;
 
 // The normalised row of sample current against sample previous, computed in double precision.
 Row expectedRow(const ModelPredictorParams& p, int current, int previous, bool rawPressure = false) {
@@ -84,7 +84,7 @@ template <typename Expected>
 void expectRows(const ModelPredictor& predictor, uint32_t first, uint32_t last, Expected expected) {
     for (uint32_t i = first; i <= last; ++i) {
         const StylusModelInputFeatures& r = predictor.history()[i];
-        EXPECT_EQ((Row{r.timestamp, r.xpos, r.ypos, r.pressure, r.tilt, r.orientation}), expected(static_cast<int>(i)))
+        EXPECT_EQ(styluspipeline::featureValues(r), expected(static_cast<int>(i)))
             << "history row " << i;
     }
 }

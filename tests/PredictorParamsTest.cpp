@@ -31,11 +31,11 @@ protected:
         return dir.file(name);
     }
 
-    // A JSON configuration of the six feature ranges, with the given keys set on top.
+    // A JSON configuration of every feature range, with the given keys set on top.
     std::string withRanges(const std::vector<std::pair<std::string, std::string>>& keys,
                            const std::string& name = "p.json") {
         boost::property_tree::ptree tree;
-        for (const char* feature : {"timestamp", "xpos", "ypos", "tilt", "pressure", "orientation"}) {
+        for (const char* feature : styluspipeline::kInputFeatureNames) {
             tree.put(std::string("PredictionModel.feature_") + feature + "_min", "-2");
             tree.put(std::string("PredictionModel.feature_") + feature + "_max", "2");
         }

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "StylusModelInputFeatures.h"
+
 namespace styluspipeline {
 
 // The model predictor's share of the configuration. Start values here are overwritten by the
@@ -17,19 +19,13 @@ struct ModelPredictorParams {
     uint32_t num_historcal_points = 10;      // rows of model input history
     uint32_t min_num_historical_points = 10; // samples needed after a stroke boundary (plus one)
     float mm_per_inch = 25.4f;
-    // Min/max normalisation ranges; a pair left at 1.0/1.0 divides by zero.
-    float feature_timestamp_max = 1.0f;
-    float feature_timestamp_min = 1.0f;
-    float feature_xpos_max = 1.0f;
-    float feature_xpos_min = 1.0f;
-    float feature_ypos_max = 1.0f;
-    float feature_ypos_min = 1.0f;
-    float feature_tilt_max = 1.0f;
-    float feature_tilt_min = 1.0f;
-    float feature_orientation_max = 1.0f;
-    float feature_orientation_min = 1.0f;
-    float feature_pressure_max = 1.0f;
-    float feature_pressure_min = 1.0f;
+    // Min/max normalisation ranges, feature_<name>_max and feature_<name>_min for every input feature;
+    // a pair left at 1.0/1.0 divides by zero.
+#define STYLUS_INPUT_FEATURE_RANGE(name, logPlace) \
+    float feature_##name##_max = 1.0f;             \
+    float feature_##name##_min = 1.0f;
+    STYLUS_INPUT_FEATURES(STYLUS_INPUT_FEATURE_RANGE)
+#undef STYLUS_INPUT_FEATURE_RANGE
     int32_t predictionErrorMeasurementWindow = 120;  // logged only
     bool use_raw_pressure = false;           // pressure feature is the absolute value, not a difference
     uint32_t target_event_count = 50000;     // metric weight cap

@@ -173,25 +173,19 @@ PredictorParams::PredictorParams(const std::string& configFile) {
         float* field;
         const char* label;
     };
-    // Pressure comes twice on purpose: start-up logs show both reads.
-    const RangeKey ranges[] = {
-        {"PredictionModel.feature_timestamp_max", &m.feature_timestamp_max, "modelParams.feature_timestamp_max : "},
-        {"PredictionModel.feature_timestamp_min", &m.feature_timestamp_min, "modelParams.feature_timestamp_min : "},
-        {"PredictionModel.feature_xpos_max", &m.feature_xpos_max, "modelParams.feature_xpos_max : "},
-        {"PredictionModel.feature_xpos_min", &m.feature_xpos_min, "modelParams.feature_xpos_min : "},
-        {"PredictionModel.feature_ypos_max", &m.feature_ypos_max, "modelParams.feature_ypos_max : "},
-        {"PredictionModel.feature_ypos_min", &m.feature_ypos_min, "modelParams.feature_ypos_min : "},
-        {"PredictionModel.feature_tilt_max", &m.feature_tilt_max, "modelParams.feature_tilt_max : "},
-        {"PredictionModel.feature_tilt_min", &m.feature_tilt_min, "modelParams.feature_tilt_min : "},
-        {"PredictionModel.feature_pressure_max", &m.feature_pressure_max, "modelParams.feature_pressure_max : "},
-        {"PredictionModel.feature_pressure_min", &m.feature_pressure_min, "modelParams.feature_pressure_min : "},
-        {"PredictionModel.feature_orientation_max", &m.feature_orientation_max,
-         "modelParams.feature_orientation_max : "},
-        {"PredictionModel.feature_orientation_min", &m.feature_orientation_min,
-         "modelParams.feature_orientation_min : "},
-        {"PredictionModel.feature_pressure_max", &m.feature_pressure_max, "modelParams.feature_pressure_max : "},
-        {"PredictionModel.feature_pressure_min", &m.feature_pressure_min, "modelParams.feature_pressure_min : "},
-    };
+    // Every input feature's pair, max first, in start-up log order. Pressure comes twice on purpose:
+    // start-up logs show both reads.
+#define STYLUS_RANGE_KEY(name, bound) \
+    { "PredictionModel.feature_" #name "_" #bound, &m.feature_##name##_##bound, "modelParams.feature_" #name "_" #bound " : " }
+    RangeKey ranges[2 * kInputFeatureCount + 2] = {};
+#define STYLUS_INPUT_FEATURE_RANGE_KEYS(name, logPlace)  \
+    ranges[2 * (logPlace)] = STYLUS_RANGE_KEY(name, max); \
+    ranges[2 * (logPlace) + 1] = STYLUS_RANGE_KEY(name, min);
+    STYLUS_INPUT_FEATURES(STYLUS_INPUT_FEATURE_RANGE_KEYS)
+#undef STYLUS_INPUT_FEATURE_RANGE_KEYS
+    ranges[2 * kInputFeatureCount] = STYLUS_RANGE_KEY(pressure, max);
+    ranges[2 * kInputFeatureCount + 1] = STYLUS_RANGE_KEY(pressure, min);
+#undef STYLUS_RANGE_KEY
     constexpr float kRangeDefault = 1.0f;
     for (const RangeKey& range : ranges) {
         READ_LOGGED(config.real(range.key, kRangeDefault, false), *range.field, range.label);

@@ -3,37 +3,20 @@
 // rows are checked against this output, so both sides build the same features.
 //
 // usage: stylus-feature-dump CONFIG RECORDING OUT.csv
-//   OUT.csv: one line per prediction: base timestamp, then N*6 floats, oldest row first.
+//   OUT.csv: one line per prediction: base timestamp, then N rows of the input features, oldest row first.
 #include <cstdio>
 #include <exception>
 #include <iostream>
-#include <map>
 #include <string>
 
 #include <boost/filesystem.hpp>
 
+#include "BatchScan.h"
 #include "Batcher.h"
 #include "ModelPredictor.h"
 #include "PredictorParams.h"
 #include "RecordingReader.h"
 #include "velmar/Log.h"
-
-namespace {
-
-// The library's exported input function keeps only the move samples after a batch's last pen-down
-// or pen-up sample; the same scan here makes the predictor see what the library would.
-bool scanBatch(const StylusTouchPoint* points, size_t count, std::map<unsigned long, StylusTouchPoint>& moves) {
-    moves.clear();
-    for (size_t i = count; i-- > 0;) {
-        if (points[i].tag == STYLUS_TAG_PEN_DOWN || points[i].tag == STYLUS_TAG_PEN_UP) {
-            return true;
-        }
-        moves.emplace(points[i].timestamp, points[i]);
-    }
-    return false;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     if (argc != 4) {
@@ -56,18 +39,17 @@ int main(int argc, char** argv) {
         }
         {
             styluspipeline::ModelPredictor predictor(params.modelParams, metrics.string());
-            std::map<unsigned long, StylusTouchPoint> moves;
+            StylusPointMessage message;
             styluspipeline::PredictedStylusTouchPointsCpp result;
             for (const replay::Batch& batch : batching.batches) {
-                const bool boundary = scanBatch(&recording.samples[batch.first], batch.count, moves);
-                if (!predictor.predictStylusTouchPoints(moves, boundary, result)) {
+                styluspipeline::scanBatch(&recording.samples[batch.first], batch.count, message);
+                if (!predictor.predictStylusTouchPoints(message.points, message.hasStrokeBoundary, result)) {
                     continue;
                 }
                 std::fprintf(out, "%llu", static_cast<unsigned long long>(result.timestamp));
                 const auto& history = predictor.history();
                 for (uint32_t row = 0; row < history.size(); ++row) {
-                    const StylusModelInputFeatures& f = history[row];
-                    for (float value : {f.timestamp, f.xpos, f.ypos, f.pressure, f.tilt, f.orientation}) {
+                    for (float value : styluspipeline::featureValues(history[row])) {
                         std::fprintf(out, ",%.9g", static_cast<double>(value));
                     }
                 }

@@ -15,7 +15,7 @@ import tempfile
 import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from features import FeatureConfig, Recording, recording_histories  # noqa: E402
+from features import FEATURES, FeatureConfig, Recording, recording_histories  # noqa: E402
 
 # Both sides compute in float32 in the same order; the tolerance only absorbs a fused multiply-add.
 TOLERANCE = 1e-6
@@ -40,7 +40,7 @@ def main(argv):
     worst = 0.0
     for line in library:
         base = int(line[0])
-        rows = line[1:].astype(np.float32).reshape(n, 6)
+        rows = line[1:].astype(np.float32).reshape(n, len(FEATURES))
         if base not in python_by_time:
             print(f"the library predicted at {base} ms, the training code has no history there", file=sys.stderr)
             return 1
