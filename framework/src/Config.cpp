@@ -20,19 +20,6 @@ bool endsWith(const std::string& text, const std::string& suffix) {
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-Config::Format formatFromExtension(const std::string& path) {
-    if (endsWith(path, ".ini")) {
-        return Config::FormatIni;
-    }
-    if (endsWith(path, ".xml")) {
-        return Config::FormatXml;
-    }
-    if (endsWith(path, ".info")) {
-        return Config::FormatInfo;
-    }
-    return Config::FormatJson;
-}
-
 // The parsers, and the tree's destructor, recurse once per level: a deeply nested file would exhaust
 // the stack of the thread that reads it. A configuration is a few levels deep; deeper files are refused
 // like unparsable ones, before any parser sees them.
@@ -233,8 +220,21 @@ struct IncludeWalk {
 
 }  // namespace
 
+Config::Format Config::formatOf(const std::string& path) {
+    if (endsWith(path, ".ini")) {
+        return FormatIni;
+    }
+    if (endsWith(path, ".xml")) {
+        return FormatXml;
+    }
+    if (endsWith(path, ".info")) {
+        return FormatInfo;
+    }
+    return FormatJson;
+}
+
 Config::Config(const std::string& path, Format format, InputType /*inputType*/) {
-    const Format effective = format == FormatByExtension ? formatFromExtension(path) : format;
+    const Format effective = format == FormatByExtension ? formatOf(path) : format;
     if (effective == FormatInfo) {
         IncludeWalk().check(path, 0, 0);
     } else if (effective != FormatIni) {  // INI has sections only: nothing to nest

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <sstream>
 
-#include "JsonSummary.h"
+#include "JsonText.h"
 #include "ReportFigures.h"
 #include "ReportScript.h"
 #include "SummaryText.h"
@@ -102,7 +102,7 @@ void HtmlReport::writeData(std::ostream& out) const {
     out << "],\n\"recordings\": [";
     for (std::size_t r = 0; r < recordings.size(); ++r) {
         const DrawnRecording& recording = recordings[r];
-        out << (r > 0 ? ",\n" : "\n") << "{\"name\": \"" << scriptSafe(JsonSummary::escape(recording.path))
+        out << (r > 0 ? ",\n" : "\n") << "{\"name\": \"" << scriptSafe(jsonEscape(recording.path))
             << "\", \"strokeCount\": " << recording.strokeCount << ", \"strokes\": [";
         for (std::size_t s = 0; s < recording.strokes.size(); ++s) {
             const DrawnStroke& stroke = recording.strokes[s];

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "JsonText.h"
+
 namespace replay {
 
 namespace {
@@ -16,7 +18,7 @@ std::string real(double value) {
     return text;
 }
 
-std::string text(const std::string& value) { return "\"" + JsonSummary::escape(value) + "\""; }
+std::string text(const std::string& value) { return "\"" + jsonEscape(value) + "\""; }
 
 std::string distribution(const DistributionSummary& d) {
     return "{\"count\": " + std::to_string(d.count) + ", \"mean_mm\": " + real(d.mean) +
@@ -65,38 +67,6 @@ std::string latency(const LatencySummary& l) {
 }
 
 }  // namespace
-
-std::string JsonSummary::escape(const std::string& value) {
-    std::string escaped;
-    for (const char c : value) {
-        switch (c) {
-            case '"':
-                escaped += "\\\"";
-                break;
-            case '\\':
-                escaped += "\\\\";
-                break;
-            case '\n':
-                escaped += "\\n";
-                break;
-            case '\r':
-                escaped += "\\r";
-                break;
-            case '\t':
-                escaped += "\\t";
-                break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    char code[8];
-                    std::snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned>(c));
-                    escaped += code;
-                } else {
-                    escaped += c;
-                }
-        }
-    }
-    return escaped;
-}
 
 void JsonSummary::write(std::ostream& out, const ReplaySummary& s) {
     out << "{\n";

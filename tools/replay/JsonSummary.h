@@ -12,7 +12,6 @@ class JsonSummary {
 public:
     // Numbers without a value (no measured prediction) are written as null.
     static void write(std::ostream& out, const ReplaySummary& summary);
-    static std::string escape(const std::string& text);
 };
 
 }  // namespace replay

@@ -1,25 +1,14 @@
-// The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
-#define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include "ReplayConfig.h"
 
-#include <boost/property_tree/info_parser.hpp>
-#include <boost/property_tree/ini_parser.hpp>
-#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/detail/file_parser_error.hpp>
+#include <boost/property_tree/exceptions.hpp>
 #include <boost/property_tree/ptree.hpp>
-#include <boost/property_tree/xml_parser.hpp>
 #include <fstream>
 
 #include "ReplayError.h"
+#include "velmar/Config.h"
 
 namespace replay {
-
-namespace {
-
-bool endsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-}  // namespace
 
 ReplayConfig ReplayConfig::load(const std::string& path) {
     namespace pt = boost::property_tree;
@@ -29,16 +18,9 @@ ReplayConfig ReplayConfig::load(const std::string& path) {
     ReplayConfig config;
     config.path = path;
     try {
-        pt::ptree tree;
-        if (endsWith(path, ".ini")) {
-            pt::read_ini(path, tree);
-        } else if (endsWith(path, ".xml")) {
-            pt::read_xml(path, tree);
-        } else if (endsWith(path, ".info")) {
-            pt::read_info(path, tree);
-        } else {
-            pt::read_json(path, tree);
-        }
+        // Read as the library reads it, so that both see the same tree.
+        const pt::ptree tree =
+            velmar::Config(path, velmar::Config::FormatByExtension, velmar::Config::InputFile).m_Tree;
         config.pixelPerInch = tree.get<double>("PredictionModel.pixel_per_inch", config.pixelPerInch);
         config.mmPerInch = tree.get<double>("PredictionModel.mm_per_inch", config.mmPerInch);
         config.predictionStepMs = tree.get<int>("PredictionModel.prediction_time_delta_ms", config.predictionStepMs);

@@ -33,6 +33,7 @@
 #include "StylusStrokePredictor.h"
 #include "velmar/Log.h"
 #include "GeneratedModelKeys.h"
+#include "JsonText.h"
 
 namespace {
 
@@ -160,24 +161,13 @@ public:
             const auto& [key, value] = entries[i];
             const bool numeric = !value.empty() && value.find_first_not_of("0123456789.-e+") == std::string::npos;
             const bool boolean = value == "true" || value == "false";
-            out << "  \"" << key << "\": " << (numeric || boolean ? value : quoted(value))
+            out << "  \"" << key << "\": " << (numeric || boolean ? value : "\"" + jsonEscape(value) + "\"")
                 << (i + 1 < entries.size() ? ",\n" : "\n");
         }
         out << "}\n";
     }
 
 private:
-    static std::string quoted(const std::string& text) {
-        std::string result = "\"";
-        for (const char c : text) {
-            if (c == '"' || c == '\\') {
-                result += '\\';
-            }
-            result += c;
-        }
-        return result + "\"";
-    }
-
     std::vector<std::pair<std::string, std::string>> entries;
 };
 

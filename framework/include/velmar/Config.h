@@ -27,6 +27,9 @@ public:
     // files more than 8 deep or more than 64 in all.
     Config(const std::string& path, Format format, InputType inputType);
 
+    // The format FormatByExtension picks for a file name.
+    static Format formatOf(const std::string& path);
+
     // The default when the key is absent; otherwise the value converted by the tree's stream
     // translator, whose ptree_bad_data error passes to the caller.
     template <typename T>
