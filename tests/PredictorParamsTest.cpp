@@ -64,6 +64,7 @@ TEST_F(PredictorParamsTest, EmptyConfigYieldsDefaultsAndLogsEverySettingInOrder)
                      "modelParams.feature_pressure_max : 1", "modelParams.feature_pressure_min : 1",
                      "modelParams.use_raw_pressure : false", "modelParams.target_event_count : 50000",
                      "modelParams.save_metrics_interval : 5000", "modelParams.predictionErrorMeasurementWindow : 120",
+                     "modelParams.inference_engine : auto",
                      "Enable debug writing : false", "canControlDataWritingAtRunTime : false",
                      "chunkSizeInRecords : 100", "numChunksInFile : 100000",
                      "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30"}));

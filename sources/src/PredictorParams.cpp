@@ -101,6 +101,8 @@ PredictorParams::PredictorParams(const std::string& configFile) {
                              m.save_metrics_interval, "modelParams.save_metrics_interval : ");
     READ_LOGGED(int, "PredictionModel.predictionErrorWindow", 120, m.predictionErrorMeasurementWindow,
                     "modelParams.predictionErrorMeasurementWindow : ");
+    READ_LOGGED(std::string, "PredictionModel.inference_engine", "auto", m.inference_engine,
+                "modelParams.inference_engine : ");
 
     READ_LOGGED(bool, "Pipeline.enableDataWriting", false, enableDataWriting,
                      "Enable debug writing : ");
