@@ -79,7 +79,7 @@ for bench in benches:
     summary.setdefault("machine", {k: context.get(k) for k in ("host_name", "num_cpus", "mhz_per_cpu")})
 summary["build_type"] = "Release"
 summary["models"] = {"inference": "models/stylus_predictor.tflite (InferenceEngineBench: floor, XNNPACK, Arm NN)",
-                     "prediction_call": "generated mlp_n10_p5.tflite (ModelPredictorBench; TANH, so Arm NN)",
+                     "prediction_call": "generated ops_n10_p5.tflite (ModelPredictorBench; XNNPACK)",
                      "minimal": "generated const_n10_p5.tflite (zero weights: the runtime's least work; XNNPACK)",
                      "shipped": "models/stylus_predictor.tflite with models/stylus_predictor.json (XNNPACK)",
                      "shipped_armnn": "the same, forced onto Arm NN with PredictionModel.inference_engine"}
