@@ -40,7 +40,9 @@ inline void noteAllocation() {
 }  // namespace
 
 #ifdef STYLUS_SANITIZED
-#include <sanitizer/allocator_interface.h>
+// From the sanitizers' allocator interface (declared here: GCC installs no header for it).
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*onMalloc)(const volatile void*, size_t),
+                                                         void (*onFree)(const volatile void*));
 
 namespace {
 void onSanitizerMalloc(const volatile void*, size_t) { noteAllocation(); }
