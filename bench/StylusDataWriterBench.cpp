@@ -38,7 +38,7 @@ int64_t recordedRows(const std::string& dir) {
 
 void BM_RecorderRowsPerSecond(benchmark::State& state) {
     velmar::Log::init();
-    velmar::Log::m_GlobalPriority.store(velmar::Error);  // the missing disk-check path warns per file
+    velmar::Log::m_GlobalPriority.store(velmar::Error);
     const int64_t rows = state.range(0);
     int64_t retries = 0;
     for (auto _ : state) {
@@ -47,8 +47,9 @@ void BM_RecorderRowsPerSecond(benchmark::State& state) {
         StylusDataWriterParams params;
         params.dataFileDirectory = dir.path.string();
         params.chunkSizeInRecords = 100;
-        params.numChunksInFile = 1 << 30;  // one file, so that no two files share a name
+        params.numChunksInFile = 1 << 30;  // one file
         params.diskFillPercentTh = 100;
+        params.diskCheckPath = dir.path.string();
         StylusTouchPoint sample{};
         sample.x_pos = 1234.5678f;
         sample.y_pos = 987.654f;

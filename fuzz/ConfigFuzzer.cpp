@@ -1,7 +1,8 @@
 // The configuration reader behind PredictorParams on arbitrary file contents. Built twice: as a
 // JSON file and as an INI file (the reader picks the format by extension). A file that does not
-// parse, or a value that does not convert, must be refused with the reader's exception; anything
-// else leaving the constructor, or any memory or undefined-behaviour error, is a finding.
+// parse, or a value that does not convert or lies outside its range, must be refused with the
+// reader's exception; anything else leaving the constructor, or any memory or undefined-behaviour
+// error, is a finding.
 #include <boost/property_tree/exceptions.hpp>
 #include <cstddef>
 #include <cstdint>

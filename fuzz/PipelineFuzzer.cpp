@@ -207,9 +207,11 @@ private:
         send(batch);
     }
 
+    // A count of zero or below with an array queues an empty batch; without one it is refused.
     void emptyBatch(Input& in) {
         const uint8_t b = in.byte();
-        sendInputTouchPoints(g_handle, nullptr, (b & 1) != 0 ? 0 : -static_cast<int>(b));
+        const StylusTouchPoint unread{};
+        sendInputTouchPoints(g_handle, (b & 2) != 0 ? nullptr : &unread, (b & 1) != 0 ? 0 : -static_cast<int>(b));
     }
 
     void queries() {
@@ -255,7 +257,8 @@ StylusLibHandle* startPipeline(const std::string& model) {
     const StylusPredictionParams params{config.c_str(), &onPredictions, &onInputPoints};
     StylusLibHandle* handle = InitStylusLib(&params);
     // An empty batch, so that "all processed" holds from the first input on.
-    sendInputTouchPoints(handle, nullptr, 0);
+    const StylusTouchPoint unread{};
+    sendInputTouchPoints(handle, &unread, 0);
     while (areAllInputPointsProcessed(handle) == 0) {
         std::this_thread::yield();
     }

@@ -1,6 +1,7 @@
-// The recorder's row formatting on arbitrary samples (every bit pattern: NaN, infinities, huge
+// The recording row formatting on arbitrary samples (every bit pattern: NaN, infinities, huge
 // values, any tag). Each 40-byte slice of the input is one sample. The rows written must be exactly
-// what printf gives for "%llu" and "%.7f" of each field widened to double and "%d" for the tag.
+// what printf gives, into a buffer of ample size, for "%llu" and "%.7f" of each field widened to
+// double and "%d" for the tag: the format's fixed row buffer never cuts a row short.
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -8,7 +9,7 @@
 #include <string>
 
 #include "FuzzSupport.h"
-#include "StylusDataWriter.h"
+#include "RecordingFormat.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (size_t offset = 0; offset + sizeof(StylusTouchPoint) <= size; offset += sizeof(StylusTouchPoint)) {
             StylusTouchPoint point;
             std::memcpy(&point, data + offset, sizeof(point));
-            StylusDataWriter::writeStylusPoint(out, point);
+            out << recordingformat::row(point);
             expected += expectedRow(point);
         }
     }

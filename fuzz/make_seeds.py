@@ -67,11 +67,12 @@ def configs():
 
 def metrics():
     write("metrics_file", "typical.txt", "120,1.23457,-0.5,210.7,0.025")
-    write("metrics_file", "other_separator.txt", "5;1;2;3;4")
+    write("metrics_file", "other_separator.txt", "5;1;2;3;0.4")
     write("metrics_file", "target_reached.txt", "50000,0.8,1.5,30.25,0.001")
     write("metrics_file", "short.txt", "7,2.5")
     write("metrics_file", "empty.txt", "")
-    write("metrics_file", "exponent.txt", "3,1e-07,-2.5e+10,6.25e+20,1")
+    write("metrics_file", "exponent.txt", "3,1e-07,-2.5e+01,6.25e+02,1")
+    write("metrics_file", "out_of_range.txt", "4294967296,1e39,-181,nan,2")
 
 
 def point(t, x, y, pressure=0.5, tilt=0.3, orientation=0.1, tag=2):

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Soak run: 1,000,000 batches of mixed good and bad input (NaN and infinite values, timestamps going
 # backwards, duplicate timestamps, empty batches, pen-up and pen-down storms, very large batches) from
-# concurrent senders through the exported functions, with recording on. Prints the report (batches
-# sent and refused, predictions, resident memory over the run, rows recorded against samples the
-# recorder's queue accepted, wall time) and exits non-zero when a check fails. Not part of the tests.
+# concurrent senders through the exported functions, with recording on; then restarts the library
+# with bad configurations between runs whose batches go back in time. Prints the report (batches
+# sent and refused, predictions, resident memory over the runs, rows recorded plus rows reported lost
+# against samples the recorder accepted, configurations refused, wall time) and exits non-zero when
+# a check fails. Not part of the tests.
 #
 # Usage: scripts/run-soak.sh [stylus-soak options]   e.g. --batches 200000 --senders 4 --policy Block
 # Uses the shipped model when models/stylus_predictor.json exists, else a generated one.

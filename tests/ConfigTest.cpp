@@ -107,4 +107,51 @@ TEST(ConfigTest, DeeplyNestedFilesAreRefusedBeforeParsing) {
     EXPECT_EQ(load(dir.file("ten.json")).get<int>("k.k.k.k.k.k.k.k.k.k", 0), 1);
 }
 
+// The INFO parser follows #include directives by recursing, with names taken from the working
+// directory; a file that includes itself would recurse until a small thread stack runs out.
+TEST(ConfigTest, InfoIncludesAreBoundedInDepthAndCount) {
+    TempDir dir;
+    const std::string self = dir.file("self.info");
+    writeFile(self, "Pipeline\n{\n  logLevel DEBUG\n}\n#include \"" + self + "\"\n");
+    const std::string a = dir.file("a.info");
+    const std::string b = dir.file("b.info");
+    writeFile(a, "; a and b include each other\n#include \"" + b + "\"\n");
+    writeFile(b, "#include \"" + a + "\"\n");
+    // Each level includes the next twice: few levels, but many files in all.
+    for (int level = 0; level < 7; ++level) {
+        const std::string next = dir.file("wide" + std::to_string(level + 1) + ".info");
+        writeFile(dir.file("wide" + std::to_string(level) + ".info"),
+                  "#include \"" + next + "\"\n#include \"" + next + "\"\n");
+    }
+    writeFile(dir.file("wide7.info"), "k 1\n");
+    const std::pair<std::string, std::string> refused[] = {
+        {self, self + "(5)"},
+        {a, a + "(2)"},  // the ninth include in a row, made from a
+        // wide0 -> wide1 and wide1 -> wide2 are the first two includes, wide2 holds 62 more below it:
+        // the second include of wide1 is the 65th.
+        {dir.file("wide0.info"), dir.file("wide1.info") + "(2)"},
+    };
+    for (const auto& [path, where] : refused) {
+        SCOPED_TRACE(path);
+        const std::string error = loadError(path);
+        EXPECT_NE(error.find(where), std::string::npos) << error;
+        EXPECT_NE(error.find("includes nested deeper than 8 files or more than 64 in all"), std::string::npos)
+            << error;
+    }
+
+    // Included files nest into the level of their directive, and count toward the nesting limit.
+    const std::string inner = dir.file("inner.info");
+    writeFile(inner, "logLevel VERBOSE\n");
+    const std::string outer = dir.file("outer.info");
+    writeFile(outer, "Pipeline\n{\n#include \"" + inner + "\"\n}\n");
+    EXPECT_EQ(load(outer).get<std::string>("Pipeline.logLevel", ""), "VERBOSE");
+    std::string deep;
+    for (int i = 0; i < 40; ++i) {
+        deep += "a" + std::to_string(i) + "\n{\n";
+    }
+    writeFile(inner, deep);
+    writeFile(outer, deep + "#include \"" + inner + "\"\n");
+    EXPECT_NE(loadError(outer).find(inner + "(50)"), std::string::npos) << loadError(outer);
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -90,6 +91,9 @@ void expectRows(const ModelPredictor& predictor, uint32_t first, uint32_t last, 
 
 Row zero(int) { return Row{}; }
 
+// Errors of the curved test stroke, measured eight samples after each prediction, stay below 20 mm.
+constexpr float kStrokeErrorBoundMm = 50.0f;
+
 float logistic(float logit) {
     volatile float l = logit;  // evaluated at run time, with the same expf as the library
     return 1.0f / (1.0f + expf(-l));
@@ -121,8 +125,6 @@ TEST_F(ModelPredictorTest, DecodesDisplacementsTimestampsAndStrokeEndThreshold) 
         {"const_n10_p5.tflite", 10, std::nextafter(p1, 1.0f), 4, 5, {0, 1, 2, 3, 4}},  // just above it: kept
         {"const_n10_p5.tflite", 10, 0.5f, -4, 5, {0, 2, 3, 4}},     // a negative step counts back in 64 bits
         {"nan_logit_n10_p5.tflite", 10, 2.0f, 4, 5, {0, 2, 3, 4}},  // NaN is never below the threshold
-        {"const_n10_p5.tflite", 10, 2.0f, 4, 7, {0, 1, 2, 3, 4}},   // never past the model's five outputs
-        {"const_n10_p5.tflite", 4, 2.0f, 4, 5, {0, 1, 2, 3, 4}},    // not fed past a shorter history
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.model) + " threshold " + std::to_string(c.threshold) + " delta " +
@@ -145,6 +147,50 @@ TEST_F(ModelPredictorTest, DecodesDisplacementsTimestampsAndStrokeEndThreshold) 
     ModelPredictorParams missing = makeParams("const_n10_p5.tflite", 10, 3);
     missing.model_path = dir.file("missing.tflite");
     EXPECT_THROW(make(missing), std::runtime_error);
+}
+
+// A model fed the oldest rows of a longer history, or read past its outputs, would predict silently
+// wrong: a model that does not fit is refused, naming the model, the key, its value and the shapes.
+TEST_F(ModelPredictorTest, ModelThatDoesNotFitTheConfigurationIsRefused) {
+    const struct {
+        const char* model;
+        uint32_t history;
+        int32_t predictions;
+        std::string says;
+    } cases[] = {
+        {"const_n10_p5.tflite", 25, 5,
+         "input tensor 0 has shape [1, 10, 6]; expected 150 float32 values in rows of 6, "
+         "PredictionModel.num_historical_points = 25 rows of 6 features"},
+        {"const_n10_p5.tflite", 4, 5,
+         "input tensor 0 has shape [1, 10, 6]; expected 24 float32 values in rows of 6, "
+         "PredictionModel.num_historical_points = 4 rows of 6 features"},
+        {"rows_of_5_n12.tflite", 10, 5,
+         "input tensor 0 has shape [1, 12, 5]; expected 60 float32 values in rows of 6, "
+         "PredictionModel.num_historical_points = 10 rows of 6 features"},
+        {"const_n10_p5.tflite", 10, 7,
+         "output tensor 0 has shape [1, 10]; expected 14 float32 values, an x and y displacement for each of "
+         "PredictionModel.num_predictions = 7"},
+        {"const_n10_p5.tflite", 10, 4,
+         "output tensor 0 has shape [1, 10]; expected 8 float32 values, an x and y displacement for each of "
+         "PredictionModel.num_predictions = 4"},
+        {"one_head_n10.tflite", 10, 5,
+         "it has no output tensor 1; expected 5 floats, a stroke-end logit for each of "
+         "PredictionModel.num_predictions = 5"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.says);
+        ModelPredictorParams p = makeParams(c.model, c.history, 3);
+        p.num_predictions = c.predictions;
+        testsupport::LogCapture log(velmar::Error);
+        try {
+            make(p);
+            ADD_FAILURE() << "accepted";
+        } catch (const std::runtime_error& e) {
+            const std::string expected = "model " + p.model_path + " does not fit the configuration: " + c.says;
+            EXPECT_EQ(e.what(), expected);
+            EXPECT_TRUE(log.contains(expected));
+        }
+    }
 }
 
 TEST_F(ModelPredictorTest, FillsHistoryOnceStrokeIsLongEnoughThenAddsOneRowPerSample) {
@@ -230,6 +276,98 @@ TEST_F(ModelPredictorTest, ModelReceivesTheHistorysNewestRow) {
         for (const auto& c : out.coordinates) {
             EXPECT_EQ(c.x, last.x_pos + (last.x_pos - previous.x_pos));
             EXPECT_EQ(c.y, last.y_pos + (last.y_pos - previous.y_pos));
+        }
+    }
+}
+
+// Timestamps are unsigned: a step back would wrap into a time gap of some 1.8e19 ms. Such samples
+// start a new stroke instead; a repeated timestamp stays a zero step of the same stroke.
+TEST_F(ModelPredictorTest, SamplesGoingBackInTimeStartANewStrokeNeverAWrappedStep) {
+    const float gapFeature = 3.0f / 16.0f;  // the stroke's 3 ms spacing, normalised
+    const struct {
+        const char* name;
+        int64_t offset;  // first new sample relative to the newest sample seen
+        bool restarts;
+    } cases[] = {
+        {"one millisecond back", -1, true},
+        {"far back", -900, true},
+        {"repeated timestamp", 0, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ModelPredictorParams p = makeParams("const_n10_p5.tflite", 10, 3);
+        p.stroke_end_thres = 2.0f;  // five points per inference, so every third one is measured
+        p.target_event_count = 1000;
+        auto predictor = make(p);
+        ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), false, out));
+        ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(4, 7), false, out));
+        Batch back;
+        for (int i = 0; i < 4; ++i) {
+            StylusTouchPoint s = sample(8 + i);
+            s.timestamp = static_cast<uint64_t>(static_cast<int64_t>(sample(7).timestamp) + c.offset + 3 * i);
+            back[s.timestamp] = s;
+        }
+        // Four samples are enough to fill a new stroke at once (three steps needed).
+        ASSERT_TRUE(predictor->predictStylusTouchPoints(back, false, out));
+        EXPECT_EQ(out.timestamp, back.rbegin()->first);
+        for (uint32_t row = 0; row < 10; ++row) {
+            const float gap = predictor->history()[row].timestamp;
+            const bool zeroStep = !c.restarts && row == 6;  // the repeated timestamp's row
+            EXPECT_EQ(gap, zeroStep ? 0.0f : gapFeature) << "row " << row;
+        }
+        for (int first = 12; first < 40; first += 4) {
+            ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(first, first + 3), false, out));
+            for (const auto& point : out.coordinates) {
+                EXPECT_TRUE(std::isfinite(point.x) && std::isfinite(point.y));
+            }
+        }
+        // The curved stroke's own errors stay below 20 mm; one wrapped step used to give some 1e14.
+        EXPECT_GT(predictor->getMetricsEventCount(), 0u);
+        EXPECT_LT(predictor->getMetricsDistanceError(), kStrokeErrorBoundMm);
+    }
+}
+
+TEST_F(ModelPredictorTest, StepsBackInTimeAreLoggedOncePerSixty) {
+    auto predictor = make(makeParams("const_n10_p5.tflite", 10, 3));
+    testsupport::LogCapture log(velmar::Warning);
+    for (uint64_t k = 0; k < 60; ++k) {
+        StylusTouchPoint s = sample(0);
+        s.timestamp = 1000 + 10 * k + 5;
+        predictor->predictStylusTouchPoints({{s.timestamp, s}}, false, out);
+        s.timestamp -= 1;
+        predictor->predictStylusTouchPoints({{s.timestamp, s}}, false, out);
+    }
+    EXPECT_EQ(log.countPrefix("Samples go back in time ("), 1);
+    EXPECT_EQ(log.countPrefix("Samples go back in time (") + log.count("Stroke boundary detected"),
+              static_cast<int>(log.lines().size()));
+}
+
+// NaN, infinite or absurd samples must not reach the host as predicted points, nor the metrics.
+TEST_F(ModelPredictorTest, PredictedPointsAreFiniteAndWithinBoundsOrNotDelivered) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    for (const char* model : {"const_n10_p5.tflite", "copy_n10_p5.tflite"}) {
+        for (const float bad : {nan, inf, -inf, 1e30f, -3e38f, 2e6f}) {
+            SCOPED_TRACE(std::string(model) + " " + std::to_string(bad));
+            ModelPredictorParams p = makeParams(model, 10, 3);
+            p.stroke_end_thres = 2.0f;
+            p.target_event_count = 1000;
+            auto predictor = make(p);
+            ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), false, out));
+            ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(4, 7), false, out));
+            Batch absurd = samples(8, 11);
+            absurd.rbegin()->second.x_pos = bad;
+            ASSERT_TRUE(predictor->predictStylusTouchPoints(absurd, false, out));
+            EXPECT_TRUE(out.coordinates.empty());
+            for (int first = 12; first < 40; first += 4) {
+                ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(first, first + 3), false, out));
+                for (const auto& point : out.coordinates) {
+                    EXPECT_LE(std::fabs(point.x), ModelPredictor::kMaxPredictedCoordinatePx);
+                    EXPECT_LE(std::fabs(point.y), ModelPredictor::kMaxPredictedCoordinatePx);
+                }
+            }
+            EXPECT_GT(predictor->getMetricsEventCount(), 0u);
+            EXPECT_LT(predictor->getMetricsDistanceError(), kStrokeErrorBoundMm);
         }
     }
 }

@@ -8,8 +8,10 @@
 #include <atomic>
 #include <boost/filesystem.hpp>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -260,7 +262,8 @@ TEST_F(PipelineTest, BatchesAreScannedFromTheirEnd) {
     EXPECT_EQ(pipeline.send({sample(11, 5, 5, 2), sample(12, 6, 6, 2), sample(13, 7, 7, 1)}), 0);
     // An empty batch is still queued.
     LogCapture log(velmar::Verbose);
-    EXPECT_EQ(sendInputTouchPoints(pipeline.handle, nullptr, 0), 0);
+    const StylusTouchPoint unread = sample(20, 9, 9, 2);
+    EXPECT_EQ(sendInputTouchPoints(pipeline.handle, &unread, 0), 0);
     EXPECT_TRUE(log.contains("Sending a batch of 0 points"));
     pipeline.stop();
 
@@ -375,8 +378,9 @@ TEST_F(PipelineTest, TooFullDiskSkipsRecording) {
     const std::string recordings = dir.file("rec");
     fs::create_directory(recordings);
     LogCapture log(velmar::Info);
+    // Any file system holding files is fuller than 0 %; a missing one counts as full.
     Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 2,
-        "diskFillPercentTh": -1, "dataFileDirectory": ")" + recordings + "\""));
+        "diskFillPercentTh": 0, "dataFileDirectory": ")" + recordings + "\""));
     ASSERT_EQ(pipeline.send(strokeBatches(0, 1)[0]), 0);
     pipeline.stop();
     EXPECT_TRUE(datFiles(recordings).empty());
@@ -487,15 +491,59 @@ TEST_F(PipelineTest, InferenceThreadPlacement) {
     }
 }
 
-TEST_F(PipelineTest, StartupFailuresPropagateAndNullHandleIsIgnored) {
+// Every start-up failure leaves InitStylusLib as an exception whose text says what to fix.
+TEST_F(PipelineTest, StartupFailuresPropagateNamingWhatToFixAndNullHandleIsIgnored) {
     DeInitStylusLib(nullptr);
-    StylusPredictionParams missingConfig{"/nonexistent/predictor.json", &onPredictions, nullptr};
-    EXPECT_ANY_THROW(InitStylusLib(&missingConfig));
-    const std::string config = writeConfig(dir, "", "", "const_n10_p5.tflite");
-    testsupport::writeFile(dir.file("predictor.json"),
-                           R"({"PredictionModel": {"model_name": "absent.tflite"}})");
-    StylusPredictionParams missingModel{config.c_str(), &onPredictions, nullptr};
-    EXPECT_ANY_THROW(InitStylusLib(&missingModel));
+    const std::string config = dir.file("predictor.json");
+    const struct {
+        const char* name;
+        std::function<void()> write;
+        std::vector<std::string> mentions;
+    } cases[] = {
+        {"missing configuration", [&] { fs::remove(config); }, {config}},
+        {"missing model", [&] { writeConfig(dir, ""); fs::remove(dir.file("const_n10_p5.tflite")); },
+         {dir.file("const_n10_p5.tflite")}},
+        {"bad value", [&] { writeConfig(dir, R"(, "numChunksInFile": "many")"); },
+         {config, "Pipeline.numChunksInFile", "\"many\"", "expected an integer"}},
+        {"model of 25 rows for a history of 10", [&] { writeConfig(dir, "", "", "const_n25_p5.tflite"); },
+         {dir.file("const_n25_p5.tflite"), "[1, 25, 6]", "PredictionModel.num_historical_points = 10"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.write();
+        StylusPredictionParams params{config.c_str(), &onPredictions, nullptr};
+        try {
+            DeInitStylusLib(InitStylusLib(&params));
+            ADD_FAILURE() << "started";
+        } catch (const std::exception& e) {
+            for (const std::string& text : c.mentions) {
+                EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what() << " lacks " << text;
+            }
+        }
+    }
+}
+
+TEST_F(PipelineTest, NullArrayIsRefusedWhateverTheCountAndNegativeCountsQueueAnEmptyBatch) {
+    Pipeline pipeline(writeConfig(dir, ""));
+    LogCapture log(velmar::Verbose);
+    for (const int count : {INT_MIN, -1, 0, 1, 4, INT_MAX}) {
+        SCOPED_TRACE(count);
+        EXPECT_EQ(sendInputTouchPoints(pipeline.handle, nullptr, count), -1);
+    }
+    EXPECT_EQ(log.countPrefix("Sending a batch of "), 0);
+    // With an array, a count of zero or below reads nothing and queues an empty batch.
+    const StylusTouchPoint unread = sample(1, 1, 1, STYLUS_TAG_PEN_DOWN);
+    for (const int count : {INT_MIN, -1}) {
+        EXPECT_EQ(sendInputTouchPoints(pipeline.handle, &unread, count), 0);
+        ASSERT_TRUE(pipeline.waitIdle());
+        EXPECT_EQ(log.count("Sending a batch of " + std::to_string(count) + " points"), 1);
+    }
+    EXPECT_EQ(log.countPrefix("Down Event detected"), 0);
+    // The pipeline still serves a whole stroke.
+    for (const auto& batch : strokeBatches(100, 3)) {
+        ASSERT_EQ(pipeline.send(batch), 0);
+    }
+    EXPECT_TRUE(host.waitForPredictions(1));
 }
 
 TEST_F(PipelineTest, ConcurrentSendersControlAndGettersThenShutdown) {

@@ -1,4 +1,9 @@
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
 
 #include <cmath>
 #include <fstream>
@@ -59,6 +64,15 @@ int priorityOf(const LogCapture& log, const std::string& text) {
 }
 
 bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
+
+std::vector<std::string> filesIn(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : boost::filesystem::directory_iterator(dir)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 class PredictiveMetricCalculatorTest : public ::testing::Test {
 protected:
@@ -277,40 +291,95 @@ TEST_F(PredictiveMetricCalculatorTest, FileRoundTripKeepsExactBytesAndLogsValues
     EXPECT_TRUE(log.contains("Save metrics to " + dir.file("saved.txt") + ", 120,1.23457,-0.5,210.7,0.025"));
 }
 
-TEST_F(PredictiveMetricCalculatorTest, LoadingStopsAtFirstBadFieldAndAcceptsAnySeparator) {
-    testsupport::writeFile(path, "5;1;2;3;4");
-    auto calc = make();
-    EXPECT_EQ(saved(*calc), "5,1,2,3,4");
-    // Fields before the failure come from the file, the failing one as the extractor leaves it,
-    // the rest keep their current values.
-    const std::string other = dir.file("other");
-    testsupport::writeFile(other, "7,2.5");
-    calc->loadMetrics(other);
-    EXPECT_EQ(saved(*calc), "7,2.5,2,3,4");
-    testsupport::writeFile(other, "9,abc,8,8,8");
-    calc->loadMetrics(other);
-    EXPECT_EQ(saved(*calc), "9,0,2,3,4");
-    testsupport::writeFile(other, "7,2.5");
-    auto fresh = make(50000, 0, other);
-    EXPECT_EQ(saved(*fresh), "7,2.5,0,0,0");
-}
-
-TEST_F(PredictiveMetricCalculatorTest, CountRestoredAtTheIntegerLimitDoesNotWrap) {
-    // A value past the limit is stored as the largest count and stops the extraction; "-1" wraps to it.
-    const std::pair<std::string, float> files[] = {
-        {"4294967295,1,0,0,0", 1.0f}, {"-1,1,0,0,0", 1.0f}, {"5500055000,1,0,0,0", 0.0f}};
-    for (const auto& [content, restoredMean] : files) {
+TEST_F(PredictiveMetricCalculatorTest, AnySeparatorAndTheLargestCountAreAccepted) {
+    const std::pair<std::string, std::string> files[] = {
+        {"5;1;2;3;0.25", "5,1,2,3,0.25"},
+        {"5 1 2 3 0.25\n", "5,1,2,3,0.25"},
+        {"4294967295,1,-180,32400,1", "4294967295,1,-180,32400,1"},
+        {"0,1000,180,0,0", "0,1000,180,0,0"},
+    };
+    for (const auto& [content, restored] : files) {
+        SCOPED_TRACE(content);
         testsupport::writeFile(path, content);
         auto calc = make(1000, 0, path, true);
-        ASSERT_EQ(calc->getEventCount(), 4294967295u) << content;
-        calc->calculateMetrics(pt(3, 4), coord(0, 0), pt(-1, 0));
-        // The new distance weighs 1/2^32; the count drops to the target.
-        EXPECT_NEAR(calc->getDistanceErrorMean(), restoredMean, 1e-6) << content;
-        EXPECT_EQ(calc->getEventCount(), 1000u) << content;
+        EXPECT_EQ(saved(*calc), restored);
+    }
+    // The largest count weighs the next point 1/2^32, then drops to the target.
+    testsupport::writeFile(path, "4294967295,1,0,0,0");
+    auto calc = make(1000, 0, path, true);
+    calc->calculateMetrics(pt(3, 4), coord(0, 0), pt(-1, 0));
+    EXPECT_NEAR(calc->getDistanceErrorMean(), 1.0f, 1e-6);
+    EXPECT_EQ(calc->getEventCount(), 1000u);
+}
+
+// A torn, foreign or poisoned file would steer the means for good: it is not used, whether read at
+// construction or later, and the statistics start from zero.
+TEST_F(PredictiveMetricCalculatorTest, BadMetricsFileStartsFreshAndLogsWhy) {
+    const std::string count = "event count is not an integer from 0 to 4294967295";
+    const std::string distance = "distance error mean is missing or not a number from 0 to 1000";
+    const std::pair<std::string, std::string> files[] = {
+        {"-1,1,0,0,0", count},
+        {"4294967296,1,0,0,0", count},
+        {"+5,1,0,0,0", count},
+        {"", count},
+        {"abc", count},
+        {"5,1e39,0,0,0", distance},
+        {"5,-1,0,0,0", distance},
+        {"5,nan,0,0,0", distance},
+        {"5,inf,0,0,0", distance},
+        {"5,1001,0,0,0", distance},
+        {"5,1,2", "angle deviation mean square is missing or not a number from 0 to 32400"},
+        {"5,1", "angle deviation mean is missing or not a number from -180 to 180"},
+        {"5,1,-181,0,0", "angle deviation mean is missing or not a number from -180 to 180"},
+        {"5,1,2,-3,0", "angle deviation mean square is missing or not a number from 0 to 32400"},
+        {"5,1,2,3,1.5", "large error rate is missing or not a number from 0 to 1"},
+        {"5,1,2,3,4e-1,6", "more than five fields"},
+        {"5,1,2,3,0.4x", "more than five fields"},
+        {std::string(300, '1'), "longer than 256 bytes"},
+    };
+    for (const auto& [content, reason] : files) {
+        SCOPED_TRACE(content);
+        testsupport::writeFile(path, content);
+        LogCapture log;
+        auto fresh = make(1000, 0, path, true);
+        EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
+        const std::string why = "Metrics file " + path + " not used (" + reason + "), starting fresh";
+        EXPECT_EQ(priorityOf(log, why), velmar::Error);
+        EXPECT_EQ(log.countPrefix("Loaded metrics from "), 0);
+
+        testsupport::writeFile(dir.file("good"), "7,2.5,1,2,0.5");
+        fresh->loadMetrics(dir.file("good"));
+        ASSERT_EQ(saved(*fresh), "7,2.5,1,2,0.5");
+        fresh->loadMetrics(path);
+        EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
     }
 }
 
-TEST_F(PredictiveMetricCalculatorTest, NonFinitePointsAreNotFoldedIn) {
+// A second process starting while this one saves must read the old statistics or the new ones,
+// never a truncated file: the new file is written beside the old one and renamed over it.
+TEST_F(PredictiveMetricCalculatorTest, SaveReplacesTheFileWholeByRename) {
+    testsupport::writeFile(path, "3,1,0,0,0");
+    struct stat before {};
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    auto calc = make(1000, 0, path, true);
+    calc->calculateMetrics(pt(3, 4), coord(0, 0), pt(-1, 0));
+    calc->saveMetrics(path);
+    struct stat after {};
+    ASSERT_EQ(stat(path.c_str(), &after), 0);
+    EXPECT_NE(after.st_ino, before.st_ino) << "rewritten in place";
+    EXPECT_EQ(testsupport::readFile(path), "4,2,11.25,506.25,0");
+    EXPECT_EQ(filesIn(dir.path()), std::vector<std::string>{"runningMetrics.txt"}) << "a temporary file was left";
+
+    // When the rename fails, the temporary file goes and the error is logged with its reason.
+    const std::string blocked = dir.file("blocked");
+    boost::filesystem::create_directories(blocked + "/inside");
+    LogCapture log;
+    calc->saveMetrics(blocked);
+    EXPECT_EQ(priorityOf(log, "Error in writing file : " + blocked + " (Is a directory)"), velmar::Error);
+    EXPECT_EQ(filesIn(dir.path()), (std::vector<std::string>{"blocked", "runningMetrics.txt"}));
+}
+
+TEST_F(PredictiveMetricCalculatorTest, NonFiniteAndAbsurdErrorsAreNotFoldedIn) {
     auto calc = make(1000, 1, path, true);
     calc->calculateMetrics(pt(3, 4), coord(0, 0), pt(-1, 0));
     const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -319,13 +388,15 @@ TEST_F(PredictiveMetricCalculatorTest, NonFinitePointsAreNotFoldedIn) {
     calc->calculateMetrics(pt(nan, 4), coord(0, 0), pt(-1, 0));
     calc->calculateMetrics(pt(3, 4), coord(inf, 0), pt(-1, 0));
     calc->calculateMetrics(pt(3e38f, 0), coord(-3e38f, 0), pt(0, 1));  // the distance overflows
-    EXPECT_EQ(log.count("Non-finite error, skip this data point"), 3);
+    calc->calculateMetrics(pt(1e30f, 0), coord(0, 0), pt(-1, 0));      // finite, but no screen is that wide
+    calc->calculateMetrics(pt(1000.5f, 0), coord(0, 0), pt(-1, 0));    // just above a metre
+    EXPECT_EQ(log.count("Error not finite or above 1000 mm, skip this data point"), 5);
     EXPECT_EQ(calc->getEventCount(), 1u);
     EXPECT_EQ(calc->getDistanceErrorMean(), 5.0f);
     EXPECT_EQ(testsupport::readFile(path), "1,5,45,2025,0") << "skipped points are not saved either";
-    calc->calculateMetrics(pt(6, 8), coord(0, 0), pt(-1, 0));
+    calc->calculateMetrics(pt(1000, 0), coord(0, 0), pt(-1, 0));  // a metre is still measured
     EXPECT_EQ(calc->getEventCount(), 2u);
-    EXPECT_FLOAT_EQ(calc->getDistanceErrorMean(), 7.5f);
+    EXPECT_FLOAT_EQ(calc->getDistanceErrorMean(), 502.5f);
 }
 
 TEST_F(PredictiveMetricCalculatorTest, MissingFileLoadsZerosAndAnUnwritableOneLogsEachSave) {

@@ -1,14 +1,28 @@
 #include "StylusDataWriter.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <functional>
 #include <regex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
 
+#include "RecordingFormat.h"
 #include "TestSupport.h"
 
 using testsupport::LogCapture;
@@ -17,7 +31,8 @@ using testsupport::TempDir;
 
 namespace {
 
-const std::string kHeader = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n";
+const std::string kHeader = recordingformat::kHeaderLine;
+const std::string kPrefix = "stylus_input_events_";
 
 StylusTouchPoint sample(uint64_t timestamp) {
     StylusTouchPoint p{};
@@ -44,12 +59,45 @@ StylusDataWriterParams recording(const std::string& dir, int32_t chunk, int32_t 
     return params;
 }
 
-// Pushes samples first..last one at a time, then lets the destructor drain and finish.
-void record(const StylusDataWriterParams& params, uint64_t first, uint64_t last) {
+// Pushes samples first..last one at a time, then stops the writer and returns its counts.
+RecorderCounts record(const StylusDataWriterParams& params, uint64_t first, uint64_t last) {
     StylusDataWriter writer(params);
     for (uint64_t t = first; t <= last; ++t) {
-        ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
+        EXPECT_TRUE(writer.writeData({{t, sample(t)}}));
     }
+    writer.stop();
+    return writer.counts();
+}
+
+void expectCounts(const RecorderCounts& counts, uint64_t accepted, uint64_t written, uint64_t lost, uint64_t refused) {
+    EXPECT_EQ(counts.accepted, accepted);
+    EXPECT_EQ(counts.written, written);
+    EXPECT_EQ(counts.lost, lost);
+    EXPECT_EQ(counts.refused, refused);
+}
+
+std::string countsLine(uint64_t accepted, uint64_t written, uint64_t lost, uint64_t refused) {
+    return "Recorder samples at shutdown : accepted " + std::to_string(accepted) + ", written " +
+           std::to_string(written) + ", lost " + std::to_string(lost) + ", refused by the full queue " +
+           std::to_string(refused);
+}
+
+// Waits for the writer thread to reach a state; the deadline only keeps a broken build from hanging.
+bool waitFor(const std::function<bool()>& reached) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!reached()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+std::string utcStamp(std::time_t time) {
+    std::tm utc{};
+    char text[32];
+    return std::string(text, std::strftime(text, sizeof(text), "%Y-%m-%d_%H-%M-%S", gmtime_r(&time, &utc)));
 }
 
 std::vector<std::string> filesIn(const std::string& dir) {
@@ -65,6 +113,7 @@ std::vector<std::string> filesIn(const std::string& dir) {
 
 TEST(StylusDataWriterTest, RecordingBytesAndRowOrder) {
     TempDir dir;
+    umask(022);
     {
         StylusDataWriter writer(recording(dir.path(), 1, 100));
         StylusTouchPoint boundary{1700000000123ULL, 1.0f, -0.25f, 0.0f, 12.5f, -3.5f, -1, {}};
@@ -82,10 +131,12 @@ TEST(StylusDataWriterTest, RecordingBytesAndRowOrder) {
                                       "18446744073709551615,123456792.0000000,0.1000000,0.3333333,-0.0000000,0.0000000,-2147483647\n");
     struct stat info {};
     ASSERT_EQ(stat(files[0].c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0666u);  // the writer cleared the process mask
+    EXPECT_EQ(info.st_mode & 0777, 0666u);  // whatever the process mask, which stays as it was
+    EXPECT_EQ(umask(022), 022u);
 }
 
-// A file is finished after the configured number of chunks, but never after fewer than two.
+// A file is finished after the configured number of chunks, but never after fewer than two; a
+// second file started in the same second gets a name of its own.
 TEST(StylusDataWriterTest, RotationAfterConfiguredChunksWithTwoAtLeast) {
     for (int32_t chunksInFile : {1, 2, 3}) {
         SCOPED_TRACE(chunksInFile);
@@ -93,31 +144,30 @@ TEST(StylusDataWriterTest, RotationAfterConfiguredChunksWithTwoAtLeast) {
         LogCapture log;
         const int32_t chunks = std::max(chunksInFile, 2);
         const uint64_t perFile = 2 * static_cast<uint64_t>(chunks);
-        record(recording(dir.path(), 2, chunksInFile), 1, 2 * perFile + 1);  // two files and one spare sample
+        // Two files and one spare sample, which never made a chunk and had no file open: lost.
+        const RecorderCounts counts = record(recording(dir.path(), 2, chunksInFile), 1, 2 * perFile + 1);
         EXPECT_EQ(log.countPrefix("File "), 4);  // two opened, two closed
         EXPECT_EQ(log.countPrefix("Chunk " + std::to_string(chunks) + " for "), 2);
         EXPECT_EQ(log.countPrefix("Chunk " + std::to_string(chunks + 1) + " "), 0);
-        // The spare sample never made a chunk and no file was open for it: dropped. A second file
-        // started in the same second as the first replaces it.
+        EXPECT_EQ(log.countPrefix("Recorder samples at file rotation : accepted "), 2);
+        expectCounts(counts, 2 * perFile + 1, 2 * perFile, 1, 0);
+        EXPECT_EQ(log.count(countsLine(2 * perFile + 1, 2 * perFile, 1, 0)), 1);
         const auto files = filesIn(dir.path());
-        ASSERT_FALSE(files.empty());
-        ASSERT_LE(files.size(), 2u);
-        EXPECT_EQ(readFile(files.back()), kHeader + rows(perFile + 1, 2 * perFile));
-        if (files.size() == 2) {
-            EXPECT_EQ(readFile(files[0]), kHeader + rows(1, perFile));
-        }
+        ASSERT_EQ(files.size(), 2u);
+        EXPECT_EQ(readFile(files[0]), kHeader + rows(1, perFile));
+        EXPECT_EQ(readFile(files[1]), kHeader + rows(perFile + 1, 2 * perFile));
     }
 }
 
-TEST(StylusDataWriterTest, NoFileForAPartialChunkOrAboveTheDiskThreshold) {
+TEST(StylusDataWriterTest, PartialChunkFullDiskAndFullQueueAreCountedLostOrRefused) {
     TempDir dir;
     LogCapture log;
-    record(recording(dir.path(), 5, 10), 1, 4);
-    record(recording(dir.path(), -1, 10), 1, 20);  // a negative chunk size never writes
+    expectCounts(record(recording(dir.path(), 5, 10), 1, 4), 4, 0, 4, 0);
+    expectCounts(record(recording(dir.path(), -1, 10), 1, 20), 20, 0, 20, 0);  // a negative chunk size never writes
     EXPECT_TRUE(filesIn(dir.path()).empty());
     StylusDataWriterParams full = recording(dir.path(), 2, 2);
     full.diskFillPercentTh = -1;
-    record(full, 1, 6);
+    expectCounts(record(full, 1, 6), 6, 0, 6, 0);
     const std::regex skip("Disk Fill Percentage : \\d+ greater than allowed \\(-1\\)\\. Skipping data write");
     const auto messages = log.messages();
     EXPECT_EQ(std::count_if(messages.begin(), messages.end(), [&](const std::string& m) { return std::regex_match(m, skip); }), 3);
@@ -128,15 +178,18 @@ TEST(StylusDataWriterTest, NoFileForAPartialChunkOrAboveTheDiskThreshold) {
     EXPECT_TRUE(writer.writeData({}));
     EXPECT_FALSE(writer.writeData({{1, sample(1)}, {2, sample(2)}}));
     EXPECT_FALSE(writer.writeStrokeBoundary(sample(3)));
+    writer.stop();
+    EXPECT_FALSE(writer.writeStrokeBoundary(sample(4)));  // a stopped writer refuses too
+    expectCounts(writer.counts(), 0, 0, 0, 4);
 }
 
-TEST(StylusDataWriterTest, ConstructorReportsDirectoryAndMask) {
+TEST(StylusDataWriterTest, ConstructorReportsDirectoryAndDiskAndRefusesNoDirectory) {
     TempDir dir;
     ASSERT_EQ(chmod(dir.path().c_str(), 0775), 0);
-    umask(022);
     LogCapture log;
-    { StylusDataWriter writer(recording(dir.path(), 1, 2)); }
-    EXPECT_EQ(umask(0), 0u);
+    StylusDataWriterParams params = recording(dir.path(), 1, 2);
+    params.diskCheckPath = dir.file("");
+    { StylusDataWriter writer(params); }
     std::vector<std::string> own;  // without the disk check's own lines
     for (const auto& line : log.lines()) {
         EXPECT_EQ(line.tag, "StylusPredictor-DataWriter");
@@ -145,39 +198,224 @@ TEST(StylusDataWriterTest, ConstructorReportsDirectoryAndMask) {
         }
     }
     EXPECT_EQ(own, (std::vector<std::string>{"\"" + dir.path() + "\" permissions: 775",
-                                             "DAC permissions exist for stylus data writing", "(fill)", "Old Mask : 18",
-                                             "StylusDataWriter constructor", "StylusDataWriter destructor"}));
+                                             "DAC permissions exist for stylus data writing", "(fill)",
+                                             "StylusDataWriter constructor", countsLine(0, 0, 0, 0),
+                                             "StylusDataWriter destructor"}));
     EXPECT_EQ(log.lines().back().function, "~StylusDataWriter");
+    EXPECT_EQ(log.count("pathToCheckDiskSpace : \"" + dir.path() + "/\""), 1);
+
+    params.dataFileDirectory.clear();
+    try {
+        StylusDataWriter writer(params);
+        ADD_FAILURE() << "a writer without a directory was built";
+    } catch (const std::invalid_argument& error) {
+        EXPECT_STREQ(error.what(), "Recording is enabled but no directory is configured: set Pipeline.dataFileDirectory");
+    }
 }
 
 TEST(StylusDataWriterTest, MissingDirectoryKeepsRunningAndFailsEachOpen) {
     TempDir dir;
     const std::string missing = dir.file("missing");
     LogCapture log;
-    record(recording(missing, 2, 2), 1, 4);
+    expectCounts(record(recording(missing, 2, 2), 1, 4), 4, 0, 4, 0);
     EXPECT_EQ(log.count("\"" + missing + "\" permissions: 0"), 1);
     EXPECT_EQ(log.count("Error code returned when checking directory status.  errorCode.value() : 2, errorCode.message() : "
                         "No such file or directory, errorCode.default_error_condition().value() : 2, "
                         "errorCode.default_error_condition().message() : No such file or directory"), 1);
     // One per chunk: the state stays "no file" and the next chunk tries again.
-    EXPECT_EQ(log.countPrefix("Cannot open file : " + missing + "/stylus_input_events_"), 2);
+    const std::regex cannotOpen("Cannot open file : " + missing + "/stylus_input_events_[-_0-9]+\\.dat\\.tmp for writing "
+                                "stylus data \\(cannot create .*: No such file or directory\\)");
+    const auto messages = log.messages();
+    EXPECT_EQ(std::count_if(messages.begin(), messages.end(), [&](const std::string& m) { return std::regex_match(m, cannotOpen); }), 2);
     EXPECT_EQ(log.countPrefix("Chunk "), 0);
     EXPECT_TRUE(filesIn(dir.path()).empty());
 }
 
-TEST(StylusDataWriterTest, CopyAndRemoveTmpFile) {
+// A size-limited file system fills up while recording: the file keeps exactly the whole rows that
+// fit, later files that cannot even take the header are removed, and the loss is counted and logged.
+TEST(StylusDataWriterTest, FullFileSystemKeepsTheWholeRowsThatFit) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "mounting a small tmpfs needs root";
+    }
     TempDir dir;
-    const std::string tmp = dir.file("a.dat.tmp");
-    const std::string dat = dir.file("a.dat");
-    const std::string bytes("x\r\n\0y\xff", 6);
-    testsupport::writeFile(dat, "an older, longer file of the same name");
-    testsupport::writeFile(tmp, bytes);
-    StylusDataWriter::copyAndRemoveTmpFile(tmp, dat);
-    EXPECT_EQ(readFile(dat), bytes);
-    EXPECT_FALSE(boost::filesystem::exists(tmp));
+    const std::string small = dir.file("small");
+    ASSERT_EQ(mkdir(small.c_str(), 0755), 0);
+    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{small};
+    struct statvfs space {};
+    ASSERT_EQ(statvfs(small.c_str(), &space), 0);
+    const uint64_t first = 1000000;  // seven digits: every row is 60 bytes
+    const uint64_t rowLength = rows(first, first).size();
+    ASSERT_EQ(rowLength, 60u);
+    const uint64_t fitting = (space.f_blocks * space.f_frsize - kHeader.size()) / rowLength;
+    const uint64_t total = fitting + 300;
 
-    StylusDataWriter::copyAndRemoveTmpFile(dir.file("gone.tmp"), dir.file("gone.dat"));
-    EXPECT_EQ(readFile(dir.file("gone.dat")), "");
+    LogCapture log;
+    StylusDataWriterParams params = recording(small, 7, 1000000);
+    params.diskCheckPath = small;
+    params.queueCapacity = static_cast<int32_t>(total);
+    const RecorderCounts counts = record(params, first, first + total - 1);
+
+    const auto files = filesIn(small);
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(readFile(files[0]), kHeader + rows(first, first + fitting - 1));
+    expectCounts(counts, total, fitting, total - fitting, 0);
+    EXPECT_EQ(log.count(countsLine(total, fitting, total - fitting, 0)), 1);
+    const std::string tmp = files[0] + ".tmp";
+    EXPECT_EQ(log.count("Recording stopped: cannot write " + tmp + ": No space left on device; " +
+                        std::to_string(7 - fitting % 7) + " rows lost, " + std::to_string(fitting) + " kept in the file"),
+              1);
+    // Every later chunk opens a new file that cannot take its header.
+    const auto messages = log.messages();
+    const std::regex noHeader("Recording stopped: cannot write .*: No space left on device; 7 rows lost, 0 kept in the file");
+    EXPECT_GE(std::count_if(messages.begin(), messages.end(), [&](const std::string& m) { return std::regex_match(m, noHeader); }), 1);
+}
+
+TEST(StylusDataWriterTest, RemovedDirectoryIsReportedAndNotRecreated) {
+    TempDir dir;
+    const std::string recordings = dir.file("rec");
+    ASSERT_EQ(mkdir(recordings.c_str(), 0755), 0);
+    LogCapture log;
+    StylusDataWriterParams params = recording(recordings, 2, 1000);
+    params.diskCheckPath = dir.path();
+    StylusDataWriter writer(params);
+    for (uint64_t t = 1; t <= 4; ++t) {
+        ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
+    }
+    std::string tmp;
+    ASSERT_TRUE(waitFor([&] {
+        const auto files = filesIn(recordings);
+        tmp = files.empty() ? "" : files[0];
+        return !tmp.empty() && readFile(tmp) == kHeader + rows(1, 4);
+    }));
+    boost::filesystem::remove_all(recordings);
+    for (uint64_t t = 5; t <= 8; ++t) {
+        ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
+    }
+    writer.stop();
+    expectCounts(writer.counts(), 8, 0, 8, 0);
+    EXPECT_EQ(log.count("Recording " + tmp + " was removed while open (its directory gone?): 6 rows lost"), 1);
+    EXPECT_EQ(log.countPrefix("Cannot open file : " + recordings + "/"), 1);  // the chunk of 7 and 8
+    EXPECT_FALSE(boost::filesystem::exists(recordings));
+}
+
+// Names already taken in this second and the next two, as by an earlier run: the recorder's files
+// get a suffix and the older files stay as they were. Two recorders at once share the names too.
+TEST(StylusDataWriterTest, TakenNamesGetASuffixAndAreNeverReplaced) {
+    TempDir dir;
+    const std::time_t now = std::time(nullptr);
+    std::set<std::string> earlier;
+    for (std::time_t second = now; second <= now + 2; ++second) {
+        const std::string name = dir.file(kPrefix + utcStamp(second) + ".dat");
+        testsupport::writeFile(name, "earlier");
+        earlier.insert(name);
+    }
+    record(recording(dir.path(), 2, 1), 1, 12);  // three files of four rows
+    std::vector<std::string> mine;
+    for (const std::string& name : filesIn(dir.path())) {
+        if (earlier.count(name) == 1) {
+            EXPECT_EQ(readFile(name), "earlier");
+        } else {
+            mine.push_back(name);
+        }
+    }
+    ASSERT_EQ(mine.size(), 3u);
+    for (size_t i = 0; i < mine.size(); ++i) {
+        EXPECT_EQ(readFile(mine[i]), kHeader + rows(4 * i + 1, 4 * i + 4));
+        const std::string unsuffixed = std::regex_replace(mine[i], std::regex("_\\d+\\.dat$"), ".dat");
+        if (earlier.count(unsuffixed) == 0) {
+            EXPECT_EQ(earlier.count(mine[i]), 0u);  // a later second than the names taken
+        } else {
+            EXPECT_NE(unsuffixed, mine[i]);
+        }
+    }
+
+    TempDir shared;
+    {
+        StylusDataWriter one(recording(shared.path(), 2, 1));
+        StylusDataWriter two(recording(shared.path(), 2, 1));
+        for (uint64_t t = 1; t <= 12; ++t) {
+            ASSERT_TRUE(one.writeData({{t, sample(t)}}));
+            ASSERT_TRUE(two.writeData({{100 + t, sample(100 + t)}}));
+        }
+    }
+    // Every row of both recorders once, each file whole.
+    std::multiset<std::string> recorded;
+    for (const std::string& name : filesIn(shared.path())) {
+        std::istringstream content(readFile(name));
+        std::string line;
+        ASSERT_TRUE(std::getline(content, line));
+        EXPECT_EQ(line + "\n", kHeader);
+        while (std::getline(content, line)) {
+            recorded.insert(line + "\n");
+        }
+    }
+    std::multiset<std::string> expected;
+    for (uint64_t t : {0, 100}) {
+        for (uint64_t i = 1; i <= 12; ++i) {
+            expected.insert(rows(t + i, t + i));
+        }
+    }
+    EXPECT_EQ(recorded, expected);
+}
+
+// Files a process left while recording are finished when the next recorder starts; a torn last
+// row is cut off, and a file still held by a live recorder is left alone.
+TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
+    TempDir dir;
+    struct Case {
+        const char* name;
+        std::string content;
+        const char* finishedAs;  // nullptr: no .dat made from it
+        std::string finished;
+        const char* logLine;     // after "Leftover recording <dir>/<name>"
+    };
+    const std::string torn = "3,0.00";
+    const std::vector<Case> cases = {
+        {"a.dat.tmp", kHeader + rows(1, 2) + torn, "a.dat", kHeader + rows(1, 2),
+         " finished as DIR/a.dat, 6 bytes of a torn last row dropped"},
+        {"b.dat.tmp", kHeader + rows(1, 1), "b.dat", kHeader + rows(1, 1),
+         " finished as DIR/b.dat, 0 bytes of a torn last row dropped"},
+        {"c.dat.tmp", "timest", nullptr, "", " not finished: removed, no whole header in DIR/c.dat.tmp: No data available"},
+        {"d.dat.tmp", "not a recording\n", nullptr, "",
+         " not finished: left as it is, not a recording: DIR/d.dat.tmp: Invalid argument"},
+        {"e.dat.tmp", kHeader + torn, "e_1.dat", kHeader, " finished as DIR/e_1.dat, 6 bytes of a torn last row dropped"},
+        {"f.dat.tmp", kHeader + rows(1, 1), nullptr, "", " is still being written"},
+        {"g.dat.tmp", kHeader + rows(1, 1), nullptr, "",
+         " not finished: already published under another name, DIR/g.dat.tmp removed"},
+    };
+    for (const Case& c : cases) {
+        testsupport::writeFile(dir.file(c.name), c.content);
+    }
+    testsupport::writeFile(dir.file("e.dat"), "taken");
+    ASSERT_EQ(link(dir.file("g.dat.tmp").c_str(), dir.file("g.dat").c_str()), 0);  // ended before removing it
+    const int held = open(dir.file("f.dat.tmp").c_str(), O_RDWR);
+    ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
+    LogCapture log;
+    { StylusDataWriter writer(recording(dir.path(), 1, 2)); }
+    close(held);
+
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string line = std::regex_replace(c.logLine, std::regex("DIR"), dir.path());
+        EXPECT_EQ(log.count("Leftover recording " + dir.file(c.name) + line), 1);
+        if (c.finishedAs != nullptr) {
+            EXPECT_EQ(readFile(dir.file(c.finishedAs)), c.finished);
+            EXPECT_FALSE(boost::filesystem::exists(dir.file(c.name)));
+        }
+    }
+    EXPECT_FALSE(boost::filesystem::exists(dir.file("c.dat.tmp")));
+    EXPECT_EQ(readFile(dir.file("d.dat.tmp")), "not a recording\n");
+    EXPECT_EQ(readFile(dir.file("e.dat")), "taken");
+    EXPECT_EQ(readFile(dir.file("f.dat.tmp")), kHeader + rows(1, 1));
+    EXPECT_FALSE(boost::filesystem::exists(dir.file("g.dat.tmp")));
+    EXPECT_EQ(readFile(dir.file("g.dat")), kHeader + rows(1, 1));
+    EXPECT_EQ(filesIn(dir.path()).size(), 7u);  // a, b, d, e, e_1, f, g and nothing else
 }
 
 TEST(StylusDataWriterTest, DiskFillPercentIsTheUsedShareRoundedDown) {

@@ -7,6 +7,7 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/xml_parser.hpp>
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -50,20 +51,15 @@ struct Depth {
     }
 };
 
-// JSON and INFO nest with brackets outside quoted strings; INFO also has ';' comments to the line end.
-Depth bracketDepth(const std::string& text, bool info) {
+// JSON nests with brackets outside quoted strings.
+Depth bracketDepth(const std::string& text) {
     Depth depth;
     int line = 1;
     bool inString = false;
     bool escaped = false;
-    bool inComment = false;
     for (const char c : text) {
         if (c == '\n') {
             ++line;
-            inComment = false;
-        }
-        if (inComment) {
-            continue;
         }
         if (inString) {
             if (escaped) {
@@ -77,12 +73,10 @@ Depth bracketDepth(const std::string& text, bool info) {
         }
         if (c == '"') {
             inString = true;
-        } else if (c == '{' || (!info && c == '[')) {
+        } else if (c == '{' || c == '[') {
             depth.open(line);
-        } else if (c == '}' || (!info && c == ']')) {
+        } else if (c == '}' || c == ']') {
             --depth.level;
-        } else if (info && c == ';') {
-            inComment = true;
         }
     }
     return depth;
@@ -139,27 +133,112 @@ Depth elementDepth(const std::string& text) {
     return depth;
 }
 
-void refuseDeepNesting(const std::string& path, Config::Format format) {
+bool readText(const std::string& path, std::string& text) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        return;  // the parser reports the unreadable file
+        return false;  // the parser reports the unreadable file
     }
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const Depth depth = format == Config::FormatXml ? elementDepth(text)
-                                                     : bracketDepth(text, format == Config::FormatInfo);
+    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return true;
+}
+
+[[noreturn]] void refuseNesting(const std::string& path, int line) {
+    throw boost::property_tree::file_parser_error("nested deeper than " + std::to_string(kMaxNesting) + " levels",
+                                                  path, static_cast<unsigned long>(line));
+}
+
+void refuseDeepNesting(const std::string& path, Config::Format format) {
+    std::string text;
+    if (!readText(path, text)) {
+        return;
+    }
+    const Depth depth = format == Config::FormatXml ? elementDepth(text) : bracketDepth(text);
     if (depth.exceeded) {
-        throw boost::property_tree::file_parser_error(
-            "nested deeper than " + std::to_string(kMaxNesting) + " levels", path,
-            static_cast<unsigned long>(depth.line));
+        refuseNesting(path, depth.line);
     }
 }
+
+// An INFO file may include others, each parsed by a further recursion of the parser into the level
+// where the directive stands; a file that includes itself would recurse until the stack runs out.
+constexpr int kMaxIncludeDepth = 8;
+constexpr int kMaxIncludedFiles = 64;
+
+// The file name of a line `#include "name"`, as the parser reads it; empty for any other line.
+std::string includedName(const std::string& line) {
+    size_t i = line.find_first_not_of(" \t\r");
+    if (i == std::string::npos || line[i] != '#' || line.compare(i + 1, 7, "include") != 0) {
+        return "";
+    }
+    i = line.find_first_not_of(" \t\r", i + 8);
+    if (i == std::string::npos || line[i] != '"') {
+        return "";  // malformed: the parser reports it
+    }
+    std::string name;
+    for (++i; i < line.size() && line[i] != '"'; ++i) {
+        if (line[i] == '\\' && i + 1 < line.size()) {
+            ++i;
+        }
+        name += line[i];
+    }
+    return name;
+}
+
+struct IncludeWalk {
+    int filesRead = 0;
+
+    // Checks the nesting of path, starting at baseLevel, and of every file it includes.
+    void check(const std::string& path, int includeDepth, int baseLevel) {
+        std::string text;
+        if (!readText(path, text)) {
+            return;
+        }
+        int level = baseLevel;
+        int lineNumber = 0;
+        size_t start = 0;
+        while (start <= text.size()) {
+            const size_t end = std::min(text.find('\n', start), text.size());
+            const std::string line = text.substr(start, end - start);
+            start = end + 1;
+            ++lineNumber;
+            const std::string name = includedName(line);
+            if (!name.empty()) {
+                if (includeDepth >= kMaxIncludeDepth || ++filesRead > kMaxIncludedFiles) {
+                    throw boost::property_tree::file_parser_error(
+                        "includes nested deeper than " + std::to_string(kMaxIncludeDepth) + " files or more than " +
+                            std::to_string(kMaxIncludedFiles) + " in all (a file including itself?)",
+                        path, static_cast<unsigned long>(lineNumber));
+                }
+                check(name, includeDepth + 1, level);
+                continue;
+            }
+            bool inString = false;
+            bool escaped = false;
+            for (const char c : line) {
+                if (inString) {
+                    inString = escaped || c != '"';
+                    escaped = !escaped && c == '\\';
+                } else if (c == '"') {
+                    inString = true;
+                } else if (c == ';') {
+                    break;
+                } else if (c == '{' && ++level > kMaxNesting) {
+                    refuseNesting(path, lineNumber);
+                } else if (c == '}') {
+                    --level;
+                }
+            }
+        }
+    }
+};
 
 }  // namespace
 
 Config::Config(const std::string& path, Format format, InputType /*inputType*/) {
     const Format effective = format == FormatByExtension ? formatFromExtension(path) : format;
-    if (effective != FormatIni) {  // INI has sections only: nothing to nest
-        refuseDeepNesting(path, effective);
+    if (effective == FormatInfo) {
+        IncludeWalk().check(path, 0, 0);
+    } else if (effective != FormatIni) {  // INI has sections only: nothing to nest
+        refuseDeepNesting(path, effective);  // JSON or XML
     }
     switch (effective) {
         case FormatIni:

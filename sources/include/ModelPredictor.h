@@ -25,8 +25,12 @@ public:
     // Buffer operating states.
     static constexpr uint32_t kBufferIsGettingFull = 0;
     static constexpr uint32_t kBufferFull = 1;
+    // Far beyond any screen: a predicted coordinate of larger magnitude is not delivered.
+    static constexpr float kMaxPredictedCoordinatePx = 1.0e6f;
 
-    // Loads the model; a model that cannot be loaded throws out of here.
+    // Loads the model; a model that cannot be loaded, or whose tensors do not match the history
+    // length and number of predictions of params (float32, rows of 6 features, 2 x num_predictions
+    // displacements, num_predictions logits), throws std::runtime_error out of here.
     explicit ModelPredictor(const ModelPredictorParams& params);
     // As above, with the accuracy statistics kept in metricsFilePath instead of the device file.
     ModelPredictor(const ModelPredictorParams& params, const std::string& metricsFilePath);
@@ -35,7 +39,9 @@ public:
     ModelPredictor& operator=(const ModelPredictor&) = delete;
 
     // Adds the new samples (keyed by timestamp) to the history and, once the history is full,
-    // predicts. True when out was written. strokeBoundary resets all stroke state first.
+    // predicts. True when out was written. strokeBoundary resets all stroke state first; so do
+    // samples older than the stroke's newest one. Predicted points are finite and within
+    // kMaxPredictedCoordinatePx of the origin; others are dropped like stroke-end points.
     bool predictStylusTouchPoints(const std::map<unsigned long, StylusTouchPoint>& points, bool strokeBoundary,
                                   PredictedStylusTouchPointsCpp& out);
 
@@ -53,6 +59,7 @@ public:
 
 private:
     void resetStroke();
+    void clearStroke();
     void fillFromStrokeHistory();
     void stageBatch(const std::map<unsigned long, StylusTouchPoint>& points);
     void appendRow(const StylusTouchPoint& d);

@@ -35,6 +35,7 @@ public:
     // Forgets the pending pairing state; statistics and the last vertex stay.
     void strokeClear();
 
+    // A point whose distance error is not finite or above 1000 mm is not folded in.
     void calculateMetrics(const StylusTouchPoint& gt, const PredictedStylusCoordinate& pred,
                           const StylusTouchPoint& vertex);
     // Millimetres between the two points.
@@ -51,7 +52,11 @@ public:
     // Leaves largeErrorRate and saveCounter untouched on purpose.
     void clearStats();
 
+    // A missing file changes nothing. A file that is not five fields of reachable statistics (count
+    // a plain decimal within 32 bits; means finite, distance 0 to 1000 mm, angle within +-180
+    // degrees, rate 0 to 1) is not used: the statistics start from zero and the reason is logged.
     void loadMetrics(const std::string& path);
+    // Writes "<path>.tmp.<pid>.<n>" beside the file, flushes it to disk and renames it over path.
     void saveMetrics(const std::string& path);
 
 private:

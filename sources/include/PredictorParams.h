@@ -11,8 +11,11 @@ namespace styluspipeline {
 // Every setting of the library, read once from the configuration file. Reading also sets the
 // framework's process-wide log priority from Pipeline.logLevel.
 struct PredictorParams {
-    // Throws what the configuration reader throws: an unreadable or unparsable file, or a value
-    // that does not convert to its key's type.
+    // Throws what the configuration reader throws for an unreadable or unparsable file, and
+    // boost::property_tree::ptree_bad_data, naming the file, the key, its value and what was expected,
+    // for a value of the wrong type or outside what the library can work with (also logged as an
+    // error). An unknown QueueFullPolicy or logLevel is not refused: a warning names the value and
+    // the choice made.
     explicit PredictorParams(const std::string& configFile);
 
     ModelPredictorParams modelParams;
@@ -26,6 +29,7 @@ struct PredictorParams {
     std::string dataFileNameSuffix;
     std::string dataFileDirectory;
     int32_t diskFillPercentTh = 30;  // highest disk fill, percent, at which a new recording file opens
+    std::string diskCheckPath = "/data/";  // a path on the file system that holds the recordings
     std::string logTag = "StylusPredictor-params";
 };
 

@@ -11,4 +11,5 @@ struct StylusDataWriterParams {
     int32_t chunkSizeInRecords = 100;                         // samples gathered before one write
     int32_t numChunksInFile = 10000;                          // chunks after which a file is finished
     int32_t diskFillPercentTh = 30;                           // highest fill at which a new file may open
+    std::string diskCheckPath = "/data/";                     // a path on the file system whose fill is checked
 };

@@ -81,7 +81,8 @@ typedef struct PredictedStylusTouchPoints {
 
 /* The callbacks run on the library's inference thread, which waits for them to return. They must not
  * call DeInitStylusLib (it would wait for the very thread it runs on), and under the Block queue policy
- * they must not call sendInputTouchPoints (the queue may be full, and only this thread empties it). */
+ * they must not call sendInputTouchPoints (the queue may be full, and only this thread empties it).
+ * They must not throw: an exception leaving a callback ends the host process. */
 typedef void (*StylusPredictionCallback)(const PredictedStylusTouchPoints* predictions);
 typedef void (*StylusInputPointsCallback)(const StylusTouchPoint* points, int numPoints);
 
@@ -93,19 +94,34 @@ typedef struct StylusPredictionParams {
 
 typedef struct StylusLibHandle StylusLibHandle;
 
-/* Builds the pipeline. params, its configFilePath and its onPredictions must not be NULL. From C++, a
- * bad configuration or model throws out of this call. */
+/* Builds the pipeline. params, its configFilePath and its onPredictions must not be NULL.
+ *
+ * Before any thread starts, every configuration value is checked for its type and range (counts
+ * positive and bounded, min_num_historical_points at most num_historical_points, positive
+ * prediction_time_delta_ms, mm_per_inch and pixel_per_inch, every feature_*_min below its max,
+ * recorder sizes positive, diskFillPercentTh 0 to 100), and the model's tensors against the
+ * configuration: float32 input of num_historical_points rows of 6 features, output 0 of
+ * 2 x num_predictions values, output 1 of num_predictions values. A configuration or model that
+ * fails, or cannot be read, is refused with a C++ exception whose text names the file, the key, the
+ * value and what was expected; the same text is logged at error priority. An exception cannot
+ * pass through C: a C host that is given a bad configuration ends (std::terminate). A C host that
+ * must survive one calls this function through a C++ wrapper that catches. */
 STYLUS_EXPORT StylusLibHandle* InitStylusLib(const StylusPredictionParams* params);
 
 /* Drains a queued batch, stops the threads and frees the handle. NULL is ignored. */
 STYLUS_EXPORT void DeInitStylusLib(StylusLibHandle* handle);
 
 /* Queues one batch: 0 when queued, -1 when refused. Only the samples after the batch's last
- * pen-down or pen-up sample are predicted from. points must hold numPoints samples; it may be
- * NULL only when numPoints <= 0. */
+ * pen-down or pen-up sample are predicted from. points must hold numPoints samples when
+ * numPoints > 0; with numPoints <= 0 an empty batch is queued. A NULL points is refused (-1) whatever
+ * numPoints is, and nothing is read. Samples older than the newest sample of the current stroke
+ * start a new stroke (a repeated timestamp does not). Predicted points are finite and within
+ * 1,000,000 pixels of the origin; others are not delivered. */
 STYLUS_EXPORT int sendInputTouchPoints(StylusLibHandle* handle, const StylusTouchPoint* points, int numPoints);
 
-/* 1 when no batch is queued and the last one has been handled, else 0 (also before the first). */
+/* 1 when no batch is queued and the last one has been handled, else 0 (also before the first).
+ * Not atomic with the inference thread: just after that thread has taken a batch from the queue, and
+ * before it marks the batch as in work, this can still return 1 for the previous batch. */
 STYLUS_EXPORT int areAllInputPointsProcessed(StylusLibHandle* handle);
 
 /* The configured number of predictions per batch (not a count of points produced). */

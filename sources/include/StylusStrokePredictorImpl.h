@@ -23,10 +23,16 @@ class StylusStrokePredictorImpl {
 public:
     // Throws when the configuration or the model cannot be loaded, or the thread cannot start.
     explicit StylusStrokePredictorImpl(const StylusPredictionParams& hostParams);
-    // Stops the queue, lets the inference thread finish a queued batch, then tears down.
+    // Stops, as stop() does, then tears down.
     ~StylusStrokePredictorImpl();
     StylusStrokePredictorImpl(const StylusStrokePredictorImpl&) = delete;
     StylusStrokePredictorImpl& operator=(const StylusStrokePredictorImpl&) = delete;
+
+    // Stops the input queue, lets the inference thread finish a queued batch, then drains and stops
+    // the recorder. Later batches are refused. Call from one thread, not racing the other calls.
+    void stop();
+    // Final once stop() has returned; zeros without a recorder.
+    RecorderCounts recorderCounts() const;
 
     // True if queued. Under Reject Newest a batch arriving while another waits is refused.
     bool sendInputTouchPoints(const StylusPointMessage& message);

@@ -14,6 +14,10 @@ namespace styluspipeline {
 
 namespace {
 
+// Runs before the logTag member exists.
+const char* const kTag = "StylusPredictor-model";
+constexpr uint64_t kFeatureCount = sizeof(StylusModelInputFeatures) / sizeof(float);
+
 // Room above one history's worth of rows, so ordinary batches never grow the staging vector.
 constexpr size_t kStagingMargin = 16;
 // Samples per batch the ground-truth vector holds without growing.
@@ -25,6 +29,68 @@ uint32_t elementCount(const std::vector<uint32_t>& shape) {
         n *= dim;
     }
     return n;
+}
+
+std::string shapeText(const std::vector<uint32_t>& shape) {
+    std::string text = "[";
+    for (size_t i = 0; i < shape.size(); ++i) {
+        text += (i == 0 ? "" : ", ") + std::to_string(shape[i]);
+    }
+    return text + "]";
+}
+
+uint64_t elementCount64(const std::vector<uint32_t>& shape) {
+    uint64_t n = 1;
+    for (uint32_t dim : shape) {
+        n *= dim;
+    }
+    return n;
+}
+
+// The model must take exactly the history the configuration describes and give exactly the points
+// it asks for: a model fed the oldest rows, or read past its outputs, predicts silently wrong.
+// Checked before the history is allocated, so an absurd length fails here and allocates nothing.
+uint32_t historyLengthFittingModel(const talcflow::TALCModelRunner& runner, const ModelPredictorParams& p) {
+    const auto refuse = [&](const std::string& what) {
+        const std::string message = "model " + p.model_path + " does not fit the configuration: " + what;
+        VELMAR_LOG(velmar::Error, kTag, message);
+        throw std::runtime_error(message);
+    };
+    const uint64_t rows = p.num_historcal_points;
+    const int64_t predictions = p.num_predictions;
+    const struct {
+        bool input;
+        int index;
+        uint64_t expected;
+        std::string meaning;
+    } tensors[] = {
+        {true, 0, rows * kFeatureCount,
+         "PredictionModel.num_historical_points = " + std::to_string(rows) + " rows of " +
+             std::to_string(kFeatureCount) + " features"},
+        {false, 0, static_cast<uint64_t>(std::max<int64_t>(2 * predictions, 0)),
+         "an x and y displacement for each of PredictionModel.num_predictions = " + std::to_string(predictions)},
+        {false, 1, static_cast<uint64_t>(std::max<int64_t>(predictions, 0)),
+         "a stroke-end logit for each of PredictionModel.num_predictions = " + std::to_string(predictions)},
+    };
+    for (const auto& t : tensors) {
+        const std::string name = std::string(t.input ? "input" : "output") + " tensor " + std::to_string(t.index);
+        talcflow::TALCTensorDetails details;
+        try {
+            details = t.input ? runner.getInputTensorDetails(t.index) : runner.getOutputTensorDetails(t.index);
+        } catch (const std::out_of_range&) {
+            refuse("it has no " + name + "; expected " + std::to_string(t.expected) + " floats, " + t.meaning);
+        }
+        const bool rowsOfFeatures = !t.input || (!details.shape.empty() &&
+                                                 details.shape.back() == kFeatureCount);
+        if (details.type != talcflow::TALCTensorType::Float32 || !rowsOfFeatures ||
+            elementCount64(details.shape) != t.expected) {
+            refuse(name + " has shape " + shapeText(details.shape) +
+                   (details.type == talcflow::TALCTensorType::Float32 ? "" : " and is not float32") + "; expected " +
+                   std::to_string(t.expected) + " float32 values" + (t.input ? " in rows of 6" : "") + ", " +
+                   t.meaning);
+        }
+    }
+    return p.num_historcal_points;
 }
 
 int64_t microsecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
@@ -39,7 +105,7 @@ ModelPredictor::ModelPredictor(const ModelPredictorParams& p)
 ModelPredictor::ModelPredictor(const ModelPredictorParams& p, const std::string& metricsFilePath)
     : params(p),
       modelRunner(params.model_path, talcflow::TALCModelRunner::engineFromName(params.inference_engine)),
-      featureHistory(params.num_historcal_points),
+      featureHistory(historyLengthFittingModel(modelRunner, params)),
       metricCalculator(static_cast<float>(params.pixel_per_inch), params.mm_per_inch, params.target_event_count,
                        params.save_metrics_interval, metricsFilePath) {
     inputElementCount = elementCount(modelRunner.getInputTensorDetails(0).shape);
@@ -85,6 +151,11 @@ void ModelPredictor::appendRow(const StylusTouchPoint& d) {
 }
 
 void ModelPredictor::resetStroke() {
+    clearStroke();
+    VELMAR_LOG_EVERY_N(60, velmar::Info, logTag, "Stroke boundary detected");
+}
+
+void ModelPredictor::clearStroke() {
     featureHistory.clear();
     lastTimestamp = 0;
     lastPoint = StylusTouchPoint{};
@@ -92,7 +163,6 @@ void ModelPredictor::resetStroke() {
     groundTruth.clear();
     metricCalculator.strokeClear();
     bufferState = kBufferIsGettingFull;
-    VELMAR_LOG_EVERY_N(60, velmar::Info, logTag, "Stroke boundary detected");
 }
 
 // The stroke has just become long enough: rebuild the whole history from it, padding the oldest
@@ -150,9 +220,15 @@ void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& p
         const float y = lastPoint.y_pos + output0Data[2 * i + 1] * pixelsPerMm;
         const float probability = 1.0f / (1.0f + expf(-output1Data[i]));
         // Written so that a NaN probability is dropped too.
-        if (probability < params.stroke_end_thres) {
-            predictions.push_back({timestamp, x, y});
+        if (!(probability < params.stroke_end_thres)) {
+            continue;
         }
+        // A NaN or absurd input sample, or a model gone wild, yields points no screen has.
+        if (!(std::fabs(x) <= kMaxPredictedCoordinatePx && std::fabs(y) <= kMaxPredictedCoordinatePx)) {
+            VELMAR_LOG(velmar::Debug, logTag, "Predicted point out of range, dropped : " << x << ", " << y);
+            continue;
+        }
+        predictions.push_back({timestamp, x, y});
     }
 }
 
@@ -165,6 +241,17 @@ bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, Styl
         return false;
     }
     const auto t0 = std::chrono::steady_clock::now();
+    // A step back in time would wrap the unsigned time gap into an absurd feature: the samples
+    // cannot continue this stroke, so they start a new one. A repeated timestamp is a zero step.
+    const bool strokeHasSamples = bufferState == kBufferFull || !strokeHistory.empty();
+    const uint64_t newest = bufferState == kBufferFull ? lastTimestamp
+                                                       : (strokeHistory.empty() ? 0 : strokeHistory.rbegin()->first);
+    if (strokeHasSamples && points.begin()->first < newest) {
+        VELMAR_LOG_EVERY_N(60, velmar::Warning, logTag,
+                           "Samples go back in time (" << points.begin()->first << " after " << newest
+                                                       << "), starting a new stroke");
+        clearStroke();
+    }
 
     if (bufferState == kBufferIsGettingFull) {
         strokeHistory.insert(points.begin(), points.end());

@@ -2,9 +2,21 @@
 
 #include "PredictiveMetricCalculator.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <limits>
+#include <locale>
+#include <sstream>
 
 #include "velmar/Log.h"
 
@@ -24,6 +36,70 @@ constexpr size_t kMaxPendingPredictions = 3;
 constexpr size_t kMinGroundTruthForVertex = 3;
 constexpr float kLargeDistanceErrorMm = 5.0f;
 constexpr float kLargeAngleErrorDeg = 50.0f;
+// A metre: no prediction on a screen is that far off unless its input was absurd.
+constexpr float kMaxDistanceErrorMm = 1000.0f;
+constexpr float kMaxAngleDeg = 180.0f;
+// Longer than any line this class writes.
+constexpr std::streamsize kMaxMetricsFileBytes = 256;
+
+// The statistics as the file holds them, or the reason the file cannot be trusted.
+struct MetricsFileContent {
+    uint32_t count = 0;
+    float distance = 0.0f;
+    float angleMean = 0.0f;
+    float angleMeanSquare = 0.0f;
+    float largeRate = 0.0f;
+    std::string problem;
+};
+
+// Five fields, any one character between them, nothing but blanks after the last. The count is a
+// plain decimal within 32 bits; each mean must be one the running statistics can reach.
+MetricsFileContent parseMetrics(std::istream& file) {
+    MetricsFileContent content;
+    std::string text(static_cast<size_t>(kMaxMetricsFileBytes) + 1, '\0');
+    file.read(&text[0], kMaxMetricsFileBytes + 1);
+    text.resize(static_cast<size_t>(file.gcount()));
+    if (text.size() > static_cast<size_t>(kMaxMetricsFileBytes)) {
+        content.problem = "longer than " + std::to_string(kMaxMetricsFileBytes) + " bytes";
+        return content;
+    }
+    std::istringstream in(text);
+    in.imbue(std::locale::classic());
+    uint64_t count = 0;
+    if (!std::isdigit(static_cast<unsigned char>(in.peek())) || !(in >> count) ||
+        count > std::numeric_limits<uint32_t>::max()) {
+        content.problem = "event count is not an integer from 0 to " +
+                          std::to_string(std::numeric_limits<uint32_t>::max());
+        return content;
+    }
+    content.count = static_cast<uint32_t>(count);
+    const struct {
+        const char* name;
+        float* field;
+        double min;
+        double max;
+    } means[] = {
+        {"distance error mean", &content.distance, 0.0, kMaxDistanceErrorMm},
+        {"angle deviation mean", &content.angleMean, -kMaxAngleDeg, kMaxAngleDeg},
+        {"angle deviation mean square", &content.angleMeanSquare, 0.0, kMaxAngleDeg * kMaxAngleDeg},
+        {"large error rate", &content.largeRate, 0.0, 1.0},
+    };
+    for (const auto& mean : means) {
+        double value = 0.0;
+        if (in.get() == std::char_traits<char>::eof() || !(in >> value) || !(value >= mean.min && value <= mean.max)) {
+            std::ostringstream problem;
+            problem << mean.name << " is missing or not a number from " << mean.min << " to " << mean.max;
+            content.problem = problem.str();
+            return content;
+        }
+        *mean.field = static_cast<float>(value);
+    }
+    in >> std::ws;
+    if (!in.eof()) {
+        content.problem = "more than five fields";
+    }
+    return content;
+}
 
 }  // namespace
 
@@ -113,10 +189,10 @@ void PredictiveMetricCalculator::calculateMetrics(const StylusTouchPoint& gt, co
     const float d = calculateDistanceError(pred.x, pred.y, gt.x_pos, gt.y_pos);
     const float a = calculateAngleError(pred.x - vertex.x_pos, pred.y - vertex.y_pos, gt.x_pos - vertex.x_pos,
                                         gt.y_pos - vertex.y_pos);
-    // A NaN or infinite sample (or a prediction made from one) would stay in the running means for
-    // good, and in the saved file; such a point is not measured.
-    if (!std::isfinite(d) || !std::isfinite(a)) {
-        VELMAR_LOG(velmar::Debug, kTag, "Non-finite error, skip this data point");
+    // A NaN, infinite or absurd sample (or a prediction made from one) would stay in the running
+    // means for good, and in the saved file; such a point is not measured.
+    if (!(d <= kMaxDistanceErrorMm) || !std::isfinite(a)) {
+        VELMAR_LOG(velmar::Debug, kTag, "Error not finite or above " << kMaxDistanceErrorMm << " mm, skip this data point");
         return;
     }
 
@@ -213,43 +289,84 @@ void PredictiveMetricCalculator::clearStats() {
 }
 
 void PredictiveMetricCalculator::loadMetrics(const std::string& path) {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     if (!in.good()) {
         VELMAR_LOG(velmar::Error, kTag, "Error in reading file: " << path);
         return;
     }
-    // Extraction stops at the first field that fails: earlier fields take the file's values, the
-    // failing one what the extractor leaves, and later ones keep their current values.
-    uint32_t count = get(eventCount);
-    float distance = get(distanceErrorMean);
-    float angleMean = get(angleDevMean);
-    float angleMeanSquare = get(angleDevMeanSquare);
-    float largeRate = get(largeErrorRate);
-    char separator = 0;
-    in >> count >> separator >> distance >> separator >> angleMean >> separator >> angleMeanSquare >> separator >>
-        largeRate;
-    set(eventCount, count);
-    set(distanceErrorMean, distance);
-    set(angleDevMean, angleMean);
-    set(angleDevMeanSquare, angleMeanSquare);
-    set(largeErrorRate, largeRate);
-    VELMAR_LOG(velmar::Info, kTag,
-               "Loaded metrics from " << path << ", " << count << ", " << distance << ", " << angleMean << ", "
-                                      << angleMeanSquare << ", " << largeRate);
-}
-
-void PredictiveMetricCalculator::saveMetrics(const std::string& path) {
-    std::ofstream out(path, std::ios::out | std::ios::trunc);
-    if (!out.is_open()) {
-        VELMAR_LOG(velmar::Error, kTag, "Error in opening file : " << path);
+    const MetricsFileContent content = parseMetrics(in);
+    if (!content.problem.empty()) {
+        // A torn, foreign or poisoned file would steer every later mean; measuring again is safer.
+        VELMAR_LOG(velmar::Error, kTag, "Metrics file " << path << " not used (" << content.problem
+                                                         << "), starting fresh");
+        set(eventCount, 0u);
+        set(distanceErrorMean, 0.0f);
+        set(angleDevMean, 0.0f);
+        set(angleDevMeanSquare, 0.0f);
+        set(largeErrorRate, 0.0f);
         return;
     }
+    set(eventCount, content.count);
+    set(distanceErrorMean, content.distance);
+    set(angleDevMean, content.angleMean);
+    set(angleDevMeanSquare, content.angleMeanSquare);
+    set(largeErrorRate, content.largeRate);
+    VELMAR_LOG(velmar::Info, kTag,
+               "Loaded metrics from " << path << ", " << content.count << ", " << content.distance << ", "
+                                      << content.angleMean << ", " << content.angleMeanSquare << ", "
+                                      << content.largeRate);
+}
+
+// Written beside the file and renamed over it, so that a reader (another process starting) sees
+// either the old statistics or the new ones, never a truncated file.
+void PredictiveMetricCalculator::saveMetrics(const std::string& path) {
     const uint32_t count = get(eventCount);
     const float distance = get(distanceErrorMean);
     const float angleMean = get(angleDevMean);
     const float angleMeanSquare = get(angleDevMeanSquare);
     const float largeRate = get(largeErrorRate);
-    out << count << ',' << distance << ',' << angleMean << ',' << angleMeanSquare << ',' << largeRate;
+    std::ostringstream line;
+    line.imbue(std::locale::classic());
+    line << count << ',' << distance << ',' << angleMean << ',' << angleMeanSquare << ',' << largeRate;
+    const std::string text = line.str();
+
+    // One name per process and save, so that neither a second process nor a second calculator
+    // writes into this temporary file.
+    static std::atomic<uint32_t> saves{0};
+    const std::string temporary =
+        path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(saves.fetch_add(1, std::memory_order_relaxed));
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        VELMAR_LOG(velmar::Error, kTag, "Error in opening file : " << path);
+        return;
+    }
+    int error = 0;
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            error = n < 0 ? errno : EIO;
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    // On disk before the rename: a crash must not leave the new name on an empty file.
+    if (fsync(fd) != 0 && error == 0) {
+        error = errno;
+    }
+    if (close(fd) != 0 && error == 0) {
+        error = errno;
+    }
+    if (error == 0 && std::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        VELMAR_LOG(velmar::Error, kTag, "Error in writing file : " << path << " (" << std::strerror(error) << ")");
+        std::remove(temporary.c_str());
+        return;
+    }
     VELMAR_LOG(velmar::Info, kTag,
                "Save metrics to " << path << ", " << count << "," << distance << "," << angleMean << ","
                                   << angleMeanSquare << "," << largeRate);

@@ -1,32 +1,131 @@
 #include "PredictorParams.h"
 
 #include <boost/filesystem.hpp>
-#include <type_traits>
+#include <boost/property_tree/exceptions.hpp>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
 
 #include "velmar/Config.h"
+#include "talcflow/TALCModelRunner.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/PredictorParams"
 
 namespace styluspipeline {
 
+namespace {
+
+// Far more history rows or predicted points than any model on a device would use; the model's
+// tensors then fix the exact values.
+constexpr int64_t kMaxHistoryRows = 1024;
+constexpr int64_t kMaxPredictions = 1024;
+// A step of more than a second is not a prediction of the pen a few milliseconds ahead.
+constexpr int64_t kMaxPredictionStepMs = 1000;
+constexpr int64_t kMaxPixelPerInch = 100000;
+// Rows a recorder chunk holds in memory before it is written.
+constexpr int64_t kMaxChunkSizeInRecords = 1000000;
+constexpr int64_t kMaxUnsigned32 = std::numeric_limits<uint32_t>::max();
+constexpr int64_t kMaxSigned32 = std::numeric_limits<int32_t>::max();
+
+// Reads typed values from one configuration file and refuses, naming file, key, value and what was
+// expected, any value that does not convert or lies outside what the library can work with.
+class KeyReader {
+public:
+    KeyReader(const std::string& file, const std::string& logTag)
+        : file(file),
+          logTag(logTag),
+          config(file, velmar::Config::FormatByExtension, velmar::Config::InputFile) {}
+
+    std::string text(const std::string& key, const std::string& defaultValue) const {
+        return config.get<std::string>(key, defaultValue);
+    }
+
+    int64_t integer(const std::string& key, int64_t defaultValue, int64_t min, int64_t max) const {
+        const std::string expected = "an integer from " + std::to_string(min) + " to " + std::to_string(max);
+        const int64_t value = converted<int64_t>(key, defaultValue, expected);
+        if (value < min || value > max) {
+            refuse(key, expected);
+        }
+        return value;
+    }
+
+    float real(const std::string& key, float defaultValue, bool positive) const {
+        const std::string expected = positive ? "a finite number above 0" : "a finite number";
+        const float value = converted<float>(key, defaultValue, expected);
+        if (!std::isfinite(value) || (positive && !(value > 0.0f))) {
+            refuse(key, expected);
+        }
+        return value;
+    }
+
+    bool flag(const std::string& key, bool defaultValue) const {
+        return converted<bool>(key, defaultValue, "true, false, 1 or 0");
+    }
+
+    // The key's text as written in the file, or the default the library took for an absent key.
+    std::string shown(const std::string& key, const std::string& defaultText) const {
+        return config.exists(key) ? "\"" + text(key, "") + "\"" : defaultText + " (not set)";
+    }
+
+    [[noreturn]] void refuse(const std::string& message) const {
+        const std::string what = file + ": " + message;
+        VELMAR_LOG(velmar::Error, logTag, what);
+        throw boost::property_tree::ptree_bad_data(what, what);
+    }
+
+    void warn(const std::string& message) const { VELMAR_LOG(velmar::Warning, logTag, file << ": " << message); }
+
+private:
+    template <typename T>
+    T converted(const std::string& key, const T& defaultValue, const std::string& expected) const {
+        try {
+            return config.get<T>(key, defaultValue);
+        } catch (const boost::property_tree::ptree_bad_data&) {
+            refuse(key, expected);
+        }
+    }
+
+    [[noreturn]] void refuse(const std::string& key, const std::string& expected) const {
+        refuse(key + " = " + shown(key, "") + ": expected " + expected);
+    }
+
+    const std::string& file;
+    const std::string& logTag;
+    velmar::Config config;
+};
+
+std::string defaultText(float value) {
+    std::ostringstream out;
+    out << value;
+    return out.str();
+}
+
+}  // namespace
+
 // A macro rather than a helper function so that each line is logged from the constructor itself.
-#define READ_LOGGED(type, key, defaultValue, field, label)                 \
-    do {                                                                   \
-        (field) = static_cast<std::remove_reference_t<decltype(field)>>(config.get<type>((key), (defaultValue))); \
-        VELMAR_LOG(velmar::Info, logTag, (label) << (field));              \
+#define READ_LOGGED(read, field, label)                                          \
+    do {                                                                         \
+        (field) = static_cast<std::remove_reference_t<decltype(field)>>(read);   \
+        VELMAR_LOG(velmar::Info, logTag, (label) << (field));                    \
     } while (0)
 
 PredictorParams::PredictorParams(const std::string& configFile) {
     VELMAR_LOG(velmar::Info, logTag, "Predictor Config File : " << configFile);
-    velmar::Config config(configFile, velmar::Config::FormatByExtension, velmar::Config::InputFile);
+    const KeyReader config(configFile, logTag);
 
-    const std::string policy = config.get<std::string>("Pipeline.QueueFullPolicy", "Block");
+    const std::string policy = config.text("Pipeline.QueueFullPolicy", "Block");
     queueFullPolicy = policy == "Block" ? QueueFullPolicy::Block : QueueFullPolicy::RejectNewest;
     VELMAR_LOG(velmar::Info, logTag,
                "QueueFull Policy : " << (queueFullPolicy == QueueFullPolicy::Block ? "Block" : "Reject Newest"));
+    if (policy != "Block" && policy != "Reject Newest") {
+        config.warn("unknown Pipeline.QueueFullPolicy \"" + policy +
+                    "\" (expected \"Block\" or \"Reject Newest\"): using Reject Newest");
+    }
 
-    const std::string logLevel = config.get<std::string>("Pipeline.logLevel", "INFO");
+    const std::string logLevel = config.text("Pipeline.logLevel", "INFO");
     if (logLevel == "VERBOSE") {
         velmar::Log::m_GlobalPriority.store(velmar::Verbose);
         VELMAR_LOG(velmar::Info, logTag, "Setting Verbose loglevel");
@@ -36,34 +135,40 @@ PredictorParams::PredictorParams(const std::string& configFile) {
     } else {
         velmar::Log::m_GlobalPriority.store(velmar::Info);
         VELMAR_LOG(velmar::Info, logTag, "Setting Info loglevel");
+        if (logLevel != "INFO") {
+            config.warn("unknown Pipeline.logLevel \"" + logLevel +
+                        "\" (expected \"VERBOSE\", \"DEBUG\" or \"INFO\"): using INFO");
+        }
     }
 
-    READ_LOGGED(std::string, "Pipeline.cpusetFile", "", cpusetFile, "Cpuset file name : ");
-    READ_LOGGED(int, "Pipeline.coreaffinity", -1, coreAffinity,
-                    "core affinity to use (if cpuset file is not specified) : ");
+    READ_LOGGED(config.text("Pipeline.cpusetFile", ""), cpusetFile, "Cpuset file name : ");
+    READ_LOGGED(config.integer("Pipeline.coreaffinity", -1, -1, kMaxSigned32), coreAffinity,
+                "core affinity to use (if cpuset file is not specified) : ");
 
     ModelPredictorParams& m = modelParams;
-    const std::string modelName = config.get<std::string>("PredictionModel.model_name", "UNDEFINED");
+    const std::string modelName = config.text("PredictionModel.model_name", "UNDEFINED");
     const boost::filesystem::path baseDirectory = boost::filesystem::path(configFile).parent_path();
     VELMAR_LOG(velmar::Info, logTag, "Input Config file Base Directory : " << baseDirectory);
     m.model_path = baseDirectory.string() + "/" + modelName;
     VELMAR_LOG(velmar::Info, logTag, "modelParams.model_path : " << m.model_path);
 
-    READ_LOGGED(float, "PredictionModel.stroke_end_thres", 0.5f, m.stroke_end_thres,
-                      "modelParams.stroke_end_thres : ");
-    READ_LOGGED(int, "PredictionModel.num_predictions", 5, m.num_predictions,
-                    "modelParams.num_predictions : ");
-    READ_LOGGED(int, "PredictionModel.prediction_time_delta_ms", 4, m.prediction_time_delta_ms,
-                    "modelParams.prediction_time_delta_ms : ");
-    READ_LOGGED(int, "PredictionModel.num_historical_points", 25, m.num_historcal_points,
-                 "modelParams.num_historcal_points : ");
-    READ_LOGGED(int, "PredictionModel.min_num_historical_points",
-                 static_cast<int>(m.num_historcal_points), m.min_num_historical_points,
-                 "modelParams.min_num_historical_points : ");
-    READ_LOGGED(float, "PredictionModel.mm_per_inch", 25.4f, m.mm_per_inch,
-                      "modelParams.mm_per_inch : ");
-    READ_LOGGED(int, "PredictionModel.pixel_per_inch", 213, m.pixel_per_inch,
-                 "modelParams.pixel_per_inch : ");
+    // Above 1 no point is ever dropped; at 0 or below every point would be.
+    READ_LOGGED(config.real("PredictionModel.stroke_end_thres", 0.5f, true), m.stroke_end_thres,
+                "modelParams.stroke_end_thres : ");
+    READ_LOGGED(config.integer("PredictionModel.num_predictions", 5, 1, kMaxPredictions), m.num_predictions,
+                "modelParams.num_predictions : ");
+    READ_LOGGED(config.integer("PredictionModel.prediction_time_delta_ms", 4, 1, kMaxPredictionStepMs),
+                m.prediction_time_delta_ms, "modelParams.prediction_time_delta_ms : ");
+    READ_LOGGED(config.integer("PredictionModel.num_historical_points", 25, 1, kMaxHistoryRows),
+                m.num_historcal_points, "modelParams.num_historcal_points : ");
+    // More than the history holds would stage more rows than fit, and the stroke would never predict.
+    READ_LOGGED(config.integer("PredictionModel.min_num_historical_points", m.num_historcal_points, 0,
+                               m.num_historcal_points),
+                m.min_num_historical_points, "modelParams.min_num_historical_points : ");
+    READ_LOGGED(config.real("PredictionModel.mm_per_inch", 25.4f, true), m.mm_per_inch,
+                "modelParams.mm_per_inch : ");
+    READ_LOGGED(config.integer("PredictionModel.pixel_per_inch", 213, 1, kMaxPixelPerInch), m.pixel_per_inch,
+                "modelParams.pixel_per_inch : ");
 
     struct RangeKey {
         const char* key;
@@ -89,32 +194,53 @@ PredictorParams::PredictorParams(const std::string& configFile) {
         {"PredictionModel.feature_pressure_max", &m.feature_pressure_max, "modelParams.feature_pressure_max : "},
         {"PredictionModel.feature_pressure_min", &m.feature_pressure_min, "modelParams.feature_pressure_min : "},
     };
+    constexpr float kRangeDefault = 1.0f;
     for (const RangeKey& range : ranges) {
-        READ_LOGGED(float, range.key, 1.0f, *range.field, range.label);
+        READ_LOGGED(config.real(range.key, kRangeDefault, false), *range.field, range.label);
+    }
+    // Normalisation divides by max - min: an empty range gives every row infinities, a reversed one
+    // mirrors the feature.
+    for (size_t i = 0; i + 1 < sizeof(ranges) / sizeof(ranges[0]); i += 2) {
+        const RangeKey& max = ranges[i];
+        const RangeKey& min = ranges[i + 1];
+        if (!(*min.field < *max.field)) {
+            config.refuse(std::string(min.key) + " = " + config.shown(min.key, defaultText(kRangeDefault)) + " and " +
+                          max.key + " = " + config.shown(max.key, defaultText(kRangeDefault)) +
+                          ": expected the minimum below the maximum");
+        }
     }
 
-    READ_LOGGED(bool, "PredictionModel.use_raw_pressure", false, m.use_raw_pressure,
-                     "modelParams.use_raw_pressure : ");
-    READ_LOGGED(unsigned int, "PredictionModel.target_event_count", 50000u, m.target_event_count,
-                             "modelParams.target_event_count : ");
-    READ_LOGGED(unsigned int, "PredictionModel.save_metrics_interval", 5000u,
-                             m.save_metrics_interval, "modelParams.save_metrics_interval : ");
-    READ_LOGGED(int, "PredictionModel.predictionErrorWindow", 120, m.predictionErrorMeasurementWindow,
-                    "modelParams.predictionErrorMeasurementWindow : ");
-    READ_LOGGED(std::string, "PredictionModel.inference_engine", "auto", m.inference_engine,
+    READ_LOGGED(config.flag("PredictionModel.use_raw_pressure", false), m.use_raw_pressure,
+                "modelParams.use_raw_pressure : ");
+    READ_LOGGED(config.integer("PredictionModel.target_event_count", 50000, 0, kMaxUnsigned32), m.target_event_count,
+                "modelParams.target_event_count : ");
+    READ_LOGGED(config.integer("PredictionModel.save_metrics_interval", 5000, 0, kMaxUnsigned32),
+                m.save_metrics_interval, "modelParams.save_metrics_interval : ");
+    // Read and logged only; any integer will do.
+    READ_LOGGED(config.integer("PredictionModel.predictionErrorWindow", 120, std::numeric_limits<int32_t>::min(),
+                               kMaxSigned32),
+                m.predictionErrorMeasurementWindow, "modelParams.predictionErrorMeasurementWindow : ");
+    READ_LOGGED(config.text("PredictionModel.inference_engine", "auto"), m.inference_engine,
                 "modelParams.inference_engine : ");
+    try {
+        talcflow::TALCModelRunner::engineFromName(m.inference_engine);
+    } catch (const std::invalid_argument&) {
+        config.refuse("PredictionModel.inference_engine = " + config.shown("PredictionModel.inference_engine", "") +
+                      ": expected auto, xnnpack or armnn");
+    }
 
-    READ_LOGGED(bool, "Pipeline.enableDataWriting", false, enableDataWriting,
-                     "Enable debug writing : ");
-    READ_LOGGED(bool, "Pipeline.canControlDataWritingAtRunTime", false,
-                     canControlDataWritingAtRunTime, "canControlDataWritingAtRunTime : ");
-    READ_LOGGED(int, "Pipeline.chunkSizeInRecords", 100, chunkSizeInRecords, "chunkSizeInRecords : ");
-    READ_LOGGED(int, "Pipeline.numChunksInFile", 100000, numChunksInFile, "numChunksInFile : ");
-    READ_LOGGED(std::string, "Pipeline.dataFileNameSuffix", "stylus_input_events",
-                            dataFileNameSuffix, "Data File Name Suffix : ");
-    READ_LOGGED(std::string, "Pipeline.dataFileDirectory", "", dataFileDirectory,
-                            "Data File Directory : ");
-    READ_LOGGED(int, "Pipeline.diskFillPercentTh", 30, diskFillPercentTh, "diskFillPercentTh : ");
+    READ_LOGGED(config.flag("Pipeline.enableDataWriting", false), enableDataWriting, "Enable debug writing : ");
+    READ_LOGGED(config.flag("Pipeline.canControlDataWritingAtRunTime", false), canControlDataWritingAtRunTime,
+                "canControlDataWritingAtRunTime : ");
+    READ_LOGGED(config.integer("Pipeline.chunkSizeInRecords", 100, 1, kMaxChunkSizeInRecords), chunkSizeInRecords,
+                "chunkSizeInRecords : ");
+    READ_LOGGED(config.integer("Pipeline.numChunksInFile", 100000, 1, kMaxSigned32), numChunksInFile,
+                "numChunksInFile : ");
+    READ_LOGGED(config.text("Pipeline.dataFileNameSuffix", "stylus_input_events"), dataFileNameSuffix,
+                "Data File Name Suffix : ");
+    READ_LOGGED(config.text("Pipeline.dataFileDirectory", ""), dataFileDirectory, "Data File Directory : ");
+    READ_LOGGED(config.integer("Pipeline.diskFillPercentTh", 30, 0, 100), diskFillPercentTh, "diskFillPercentTh : ");
+    READ_LOGGED(config.text("Pipeline.diskCheckPath", "/data/"), diskCheckPath, "diskCheckPath : ");
 }
 
 }  // namespace styluspipeline

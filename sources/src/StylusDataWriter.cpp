@@ -1,33 +1,41 @@
 #include "StylusDataWriter.h"
 
-#include <sys/stat.h>
 #include <time.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/system/error_code.hpp>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
-#include <iomanip>
-#include <locale>
+#include <stdexcept>
 #include <system_error>
 
+#include "RecordingFormat.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/StylusDataWriter"
 
 namespace {
 
-const char* const kHeader = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n";
+const std::string kLeftoverEnding = ".dat.tmp";
+
+bool endsWith(const std::string& text, const std::string& ending) {
+    return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
 
 }  // namespace
 
 StylusDataWriter::StylusDataWriter(const StylusDataWriterParams& writerParams)
     : logTag("StylusPredictor-DataWriter"),
-      diskCheckPath("/data/"),
+      diskCheckPath(writerParams.diskCheckPath),
       params(writerParams),
       dataQueue(static_cast<uint64_t>(static_cast<int64_t>(writerParams.queueCapacity)),
                 QueueFullPolicy::RejectNewest) {
+    // An empty directory would put the recordings at the root of the file system.
+    if (params.dataFileDirectory.empty()) {
+        throw std::invalid_argument(
+            "Recording is enabled but no directory is configured: set Pipeline.dataFileDirectory");
+    }
     // Started in the body so that every member the thread reads is already initialised; the steps
     // below only read members the thread never writes.
     try {
@@ -57,20 +65,28 @@ StylusDataWriter::StylusDataWriter(const StylusDataWriterParams& writerParams)
 
     const int diskFill = getDiskFillPercentage(diskCheckPath);
     VELMAR_LOG(velmar::Info, logTag, "Disk Fill Percent At Startup : " << diskFill);
-
-    // Left at 0 on purpose: recordings are created 0666 so that any user of the device can collect them.
-    const mode_t oldMask = umask(0);
-    VELMAR_LOG(velmar::Info, logTag, "Old Mask : " << static_cast<unsigned int>(oldMask));
-
     VELMAR_LOG(velmar::Info, logTag, "StylusDataWriter constructor");
 }
 
 StylusDataWriter::~StylusDataWriter() {
+    stop();
+    VELMAR_LOG(velmar::Info, logTag, "StylusDataWriter destructor");
+}
+
+void StylusDataWriter::stop() {
     dataQueue.stop();
     if (writerThread.joinable()) {
         writerThread.join();
     }
-    VELMAR_LOG(velmar::Info, logTag, "StylusDataWriter destructor");
+}
+
+RecorderCounts StylusDataWriter::counts() const {
+    RecorderCounts result;
+    result.accepted = acceptedCount.load(std::memory_order_relaxed);
+    result.refused = refusedCount.load(std::memory_order_relaxed);
+    result.written = writtenCount.load(std::memory_order_relaxed);
+    result.lost = lostCount.load(std::memory_order_relaxed);
+    return result;
 }
 
 bool StylusDataWriter::writeData(const std::map<unsigned long, StylusTouchPoint>& points) {
@@ -78,98 +94,187 @@ bool StylusDataWriter::writeData(const std::map<unsigned long, StylusTouchPoint>
         return true;
     }
     bool lastPushed = false;
+    uint64_t accepted = 0;
     for (const auto& entry : points) {
         lastPushed = dataQueue.push(entry.second);
+        accepted += lastPushed ? 1 : 0;
     }
+    acceptedCount.fetch_add(accepted, std::memory_order_relaxed);
+    refusedCount.fetch_add(points.size() - accepted, std::memory_order_relaxed);
     return lastPushed;
 }
 
 bool StylusDataWriter::writeStrokeBoundary(const StylusTouchPoint& point) {
-    return dataQueue.push(point);
+    const bool pushed = dataQueue.push(point);
+    (pushed ? acceptedCount : refusedCount).fetch_add(1, std::memory_order_relaxed);
+    return pushed;
 }
 
 void StylusDataWriter::runDataWrite() {
-    std::ofstream dataFile;
-    dataFile.imbue(std::locale::classic());  // no digit grouping whatever the host's global locale
-    std::string dataFileName;
-    std::string tmpFileName;
+    recoverLeftoverFiles();
     StylusTouchPoint point{};
-
     while (dataQueue.pop(point)) {
         chunkBuffer.push_back(point);
         // Signed widening on purpose: 0 makes every sample a chunk, a negative size never writes.
         if (chunkBuffer.size() < static_cast<size_t>(static_cast<int64_t>(params.chunkSizeInRecords))) {
             continue;
         }
-
         if (fileState == 1) {
-            if (!dataFile.is_open()) {
-                VELMAR_LOG(velmar::Error, logTag, " File not opened for writing stylus data");
-                chunkBuffer.clear();
-                continue;
-            }
-            const auto start = std::chrono::steady_clock::now();
-            for (const StylusTouchPoint& sample : chunkBuffer) {
-                writeStylusPoint(dataFile, sample);
-            }
-            const auto end = std::chrono::steady_clock::now();
-            ++chunkCount;
-            VELMAR_LOG(velmar::Debug, logTag,
-                       "Chunk " << chunkCount << " for " << tmpFileName << " written in "
-                                << std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count() / 1000
-                                << " us");
-            if (chunkCount < params.numChunksInFile) {
-                chunkBuffer.clear();
-                continue;
-            }
-            dataFile.close();
-            copyAndRemoveTmpFile(tmpFileName, dataFileName);
-            fileState = 0;
-            chunkCount = 0;
-            VELMAR_LOG(velmar::Info, logTag, "File " << tmpFileName << " closed for writing stylus touch data");
-            chunkBuffer.clear();
-        } else if (fileState == 0) {
-            const int diskFill = getDiskFillPercentage(diskCheckPath);
-            if (diskFill > params.diskFillPercentTh) {
-                VELMAR_LOG(velmar::Warning, logTag,
-                           "Disk Fill Percentage : " << diskFill << " greater than allowed ("
-                                                     << params.diskFillPercentTh << "). Skipping data write");
-                chunkBuffer.clear();
-                continue;
-            }
-            dataFileName = params.dataFileDirectory + "/" + params.dataFileNameSuffix + "_" +
-                           getCurrentDateTimeString() + ".dat";
-            tmpFileName = dataFileName + ".tmp";
-            dataFile.open(tmpFileName, std::ios::out | std::ios::trunc);
-            if (!dataFile.is_open()) {
-                VELMAR_LOG(velmar::Error, logTag, "Cannot open file : " << tmpFileName << " for writing stylus data");
-                chunkBuffer.clear();
-                continue;
-            }
-            dataFile << kHeader;
-            for (const StylusTouchPoint& sample : chunkBuffer) {
-                writeStylusPoint(dataFile, sample);
-            }
-            VELMAR_LOG(velmar::Info, logTag, "File " << tmpFileName << " opened for writing stylus touch data");
-            // The first chunk is not compared with numChunksInFile, so every file gets at least two.
-            ++chunkCount;
-            VELMAR_LOG(velmar::Debug, logTag, "Chunk " << chunkCount << " for " << tmpFileName);
-            fileState = 1;
-            chunkBuffer.clear();
+            writeChunk();
         } else {
-            chunkBuffer.clear();
+            openFile();
         }
+        chunkBuffer.clear();
     }
 
-    // Stopped and drained: the partial chunk goes to the open file; with none open it is dropped.
-    if (dataFile.is_open()) {
-        for (const StylusTouchPoint& sample : chunkBuffer) {
-            writeStylusPoint(dataFile, sample);
+    // Stopped and drained: the partial chunk goes to the open file; with none open it is lost.
+    if (fileState == 1) {
+        if (chunkBuffer.empty() || appendChunk(false)) {
+            finishFile();
         }
-        dataFile.close();
-        copyAndRemoveTmpFile(tmpFileName, dataFileName);
+    } else {
+        loseRows(chunkBuffer.size());
     }
     chunkBuffer.clear();
+    logCounts("at shutdown");
+}
+
+void StylusDataWriter::openFile() {
+    const int diskFill = getDiskFillPercentage(diskCheckPath);
+    if (diskFill > params.diskFillPercentTh) {
+        VELMAR_LOG(velmar::Warning, logTag,
+                   "Disk Fill Percentage : " << diskFill << " greater than allowed (" << params.diskFillPercentTh
+                                             << "). Skipping data write");
+        loseRows(chunkBuffer.size());
+        return;
+    }
+    const std::string base =
+        params.dataFileDirectory + "/" + params.dataFileNameSuffix + "_" + getCurrentDateTimeString();
+    std::string error;
+    if (!file.create(base, error)) {
+        VELMAR_LOG(velmar::Error, logTag,
+                   "Cannot open file : " << base << ".dat.tmp for writing stylus data (" << error << ")");
+        loseRows(chunkBuffer.size());
+        return;
+    }
+    fileState = 1;
+    if (!appendChunk(true)) {
+        return;
+    }
+    VELMAR_LOG(velmar::Info, logTag, "File " << file.tmpPath() << " opened for writing stylus touch data");
+    // The first chunk is not compared with numChunksInFile, so every file gets at least two.
+    ++chunkCount;
+    VELMAR_LOG(velmar::Debug, logTag, "Chunk " << chunkCount << " for " << file.tmpPath());
+}
+
+void StylusDataWriter::writeChunk() {
+    const auto start = std::chrono::steady_clock::now();
+    if (!appendChunk(false)) {
+        return;
+    }
+    const auto end = std::chrono::steady_clock::now();
+    ++chunkCount;
+    VELMAR_LOG(velmar::Debug, logTag,
+               "Chunk " << chunkCount << " for " << file.tmpPath() << " written in "
+                        << std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count() / 1000 << " us");
+    if (chunkCount < params.numChunksInFile) {
+        return;
+    }
+    const std::string tmpPath = file.tmpPath();
+    finishFile();
+    VELMAR_LOG(velmar::Info, logTag, "File " << tmpPath << " closed for writing stylus touch data");
+    logCounts("at file rotation");
+}
+
+bool StylusDataWriter::appendChunk(bool withHeader) {
+    // Without its name the file can never be published: a removed directory takes it along.
+    if (!withHeader && !file.isLinked()) {
+        VELMAR_LOG(velmar::Error, logTag,
+                   "Recording " << file.tmpPath() << " was removed while open (its directory gone?): "
+                                << rowsInFile + chunkBuffer.size() << " rows lost");
+        loseRows(rowsInFile + chunkBuffer.size());
+        rowsInFile = 0;
+        file.discard();
+        fileState = 0;
+        chunkCount = 0;
+        return false;
+    }
+    chunkText.clear();
+    if (withHeader) {
+        chunkText += recordingformat::kHeaderLine;
+    }
+    for (const StylusTouchPoint& sample : chunkBuffer) {
+        recordingformat::appendRow(chunkText, sample);
+    }
+    size_t keptBytes = 0;
+    std::string error;
+    if (file.append(chunkText, keptBytes, error)) {
+        rowsInFile += chunkBuffer.size();
+        return true;
+    }
+    const size_t keptLines = static_cast<size_t>(std::count(chunkText.begin(), chunkText.begin() + keptBytes, '\n'));
+    const size_t keptRows = withHeader && keptLines > 0 ? keptLines - 1 : keptLines;
+    rowsInFile += keptRows;
+    loseRows(chunkBuffer.size() - keptRows);
+    VELMAR_LOG(velmar::Error, logTag,
+               "Recording stopped: " << error << "; " << chunkBuffer.size() - keptRows << " rows lost, "
+                                     << rowsInFile << " kept in the file");
+    finishFile();
+    return false;
+}
+
+void StylusDataWriter::finishFile() {
+    std::string error;
+    if (rowsInFile == 0) {
+        file.discard();
+    } else if (file.finish(error)) {
+        writtenCount.fetch_add(rowsInFile, std::memory_order_relaxed);
+    } else {
+        VELMAR_LOG(velmar::Error, logTag,
+                   "Cannot finish recording: " << error << "; " << rowsInFile << " rows lost");
+        loseRows(rowsInFile);
+    }
+    rowsInFile = 0;
+    fileState = 0;
+    chunkCount = 0;
+}
+
+void StylusDataWriter::loseRows(uint64_t rows) {
+    lostCount.fetch_add(rows, std::memory_order_relaxed);
+}
+
+void StylusDataWriter::logCounts(const char* when) {
+    VELMAR_LOG(velmar::Info, logTag,
+               "Recorder samples " << when << " : accepted " << acceptedCount.load() << ", written "
+                                   << writtenCount.load() << ", lost " << lostCount.load()
+                                   << ", refused by the full queue " << refusedCount.load());
+}
+
+void StylusDataWriter::recoverLeftoverFiles() {
+    boost::system::error_code errorCode;
+    boost::filesystem::directory_iterator entry(params.dataFileDirectory, errorCode);
+    std::vector<std::string> leftovers;
+    for (; !errorCode && entry != boost::filesystem::directory_iterator(); entry.increment(errorCode)) {
+        const std::string path = entry->path().string();
+        if (endsWith(path, kLeftoverEnding)) {
+            leftovers.push_back(path);
+        }
+    }
+    std::sort(leftovers.begin(), leftovers.end());
+    for (const std::string& leftover : leftovers) {
+        std::string datPath;
+        std::string error;
+        uint64_t droppedBytes = 0;
+        if (RecordingFile::recover(leftover, datPath, droppedBytes, error)) {
+            VELMAR_LOG(velmar::Warning, logTag,
+                       "Leftover recording " << leftover << " finished as " << datPath << ", " << droppedBytes
+                                             << " bytes of a torn last row dropped");
+        } else if (!error.empty()) {
+            VELMAR_LOG(velmar::Error, logTag, "Leftover recording " << leftover << " not finished: " << error);
+        } else {
+            VELMAR_LOG(velmar::Info, logTag, "Leftover recording " << leftover << " is still being written");
+        }
+    }
 }
 
 std::string StylusDataWriter::getCurrentDateTimeString() {
@@ -189,30 +294,6 @@ std::string StylusDataWriter::getCurrentDateTimeString() {
     const double nanoseconds = static_cast<double>(raw.tv_sec) * 1e9 + static_cast<double>(raw.tv_nsec);
     const uint64_t wholeNanoseconds = static_cast<uint64_t>(nanoseconds);
     return std::to_string(static_cast<uint64_t>(static_cast<double>(wholeNanoseconds) / 1e6));
-}
-
-void StylusDataWriter::writeStylusPoint(std::ofstream& out, const StylusTouchPoint& point) {
-    // Floats are widened to double by the stream, so each field reads as printf's %.7f.
-    out << std::fixed << std::setprecision(7) << point.timestamp;
-    out << ',' << std::fixed << std::setprecision(7) << point.x_pos;
-    out << ',' << std::fixed << std::setprecision(7) << point.y_pos;
-    out << ',' << std::fixed << std::setprecision(7) << point.pressure;
-    out << ',' << std::fixed << std::setprecision(7) << point.tilt;
-    out << ',' << std::fixed << std::setprecision(7) << point.orientation;
-    out << ',' << std::fixed << std::setprecision(7) << point.tag << '\n';
-}
-
-void StylusDataWriter::copyAndRemoveTmpFile(const std::string& tmpPath, const std::string& finalPath) {
-    {
-        std::ifstream in(tmpPath, std::ios::in | std::ios::binary);
-        std::ofstream out(finalPath, std::ios::out | std::ios::binary | std::ios::trunc);
-        if (in.is_open()) {
-            out << in.rdbuf();
-        }
-        in.close();
-        out.close();
-    }
-    std::remove(tmpPath.c_str());
 }
 
 int StylusDataWriter::fillPercent(uint64_t capacity, uint64_t available) {

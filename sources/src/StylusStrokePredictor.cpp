@@ -4,14 +4,11 @@
 
 #include "StylusPointMessage.h"
 #include "StylusStrokePredictor.h"
+#include "StylusLibHandle.h"
 #include "StylusStrokePredictorImpl.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/StylusStrokePredictor"
-
-struct StylusLibHandle {
-    styluspipeline::StylusStrokePredictorImpl* impl;
-};
 
 extern "C" {
 
@@ -41,10 +38,14 @@ void DeInitStylusLib(StylusLibHandle* handle) {
 
 int sendInputTouchPoints(StylusLibHandle* handle, const StylusTouchPoint* points, int numPoints) {
     static const std::string kInputTag = "StylusPredictorInput";
+    if (points == nullptr) {
+        VELMAR_LOG_EVERY_N(60, velmar::Error, kInputTag, "Batch without a sample array refused ; numPoints : " << numPoints);
+        return -1;
+    }
     StylusPointMessage message;
     // Scan from the end: the last pen-down or pen-up sample marks the stroke boundary, and only the
     // move samples after it are kept (the latest sample wins for a repeated timestamp).
-    for (int index = numPoints - 1; index >= 0; --index) {
+    for (int index = numPoints > 0 ? numPoints - 1 : -1; index >= 0; --index) {
         const StylusTouchPoint& point = points[index];
         if (point.tag == STYLUS_TAG_PEN_DOWN) {
             message.hasStrokeBoundary = true;

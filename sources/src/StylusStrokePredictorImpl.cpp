@@ -35,6 +35,7 @@ StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParam
         writerParams.chunkSizeInRecords = params.chunkSizeInRecords;
         writerParams.numChunksInFile = params.numChunksInFile;
         writerParams.diskFillPercentTh = params.diskFillPercentTh;
+        writerParams.diskCheckPath = params.diskCheckPath;
         try {
             dataWriter = std::make_unique<StylusDataWriter>(writerParams);
         } catch (...) {
@@ -57,11 +58,23 @@ StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParam
 }
 
 StylusStrokePredictorImpl::~StylusStrokePredictorImpl() {
+    stop();
+    VELMAR_LOG(velmar::Info, logTag, "StylusStrokePredictor destructor");
+}
+
+void StylusStrokePredictorImpl::stop() {
     inputQueue.stop();
     if (inferenceThread.joinable()) {
         inferenceThread.join();
     }
-    VELMAR_LOG(velmar::Info, logTag, "StylusStrokePredictor destructor");
+    // Only now, with the inference thread gone, is the recorder's producer side quiet.
+    if (dataWriter != nullptr) {
+        dataWriter->stop();
+    }
+}
+
+RecorderCounts StylusStrokePredictorImpl::recorderCounts() const {
+    return dataWriter != nullptr ? dataWriter->counts() : RecorderCounts{};
 }
 
 bool StylusStrokePredictorImpl::sendInputTouchPoints(const StylusPointMessage& message) {

@@ -1,43 +1,22 @@
 #include "RecordingReader.h"
 
-#include <array>
 #include <cerrno>
-#include <charconv>
-#include <cmath>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
+#include "RecordingFormat.h"
+#include "RecordingParse.h"
 #include "ReplayError.h"
 
 namespace replay {
 
-const char* const RecordingReader::header = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag";
+const char* const RecordingReader::header = recordingformat::kHeader;
 
 namespace {
-
-constexpr std::size_t fieldCount = 7;
-const std::array<const char*, fieldCount> fieldNames = {"timestamp", "x_pos",       "y_pos", "pressure",
-                                                        "tilt",      "orientation", "tag"};
 
 std::string quoted(const std::string& text) {
     constexpr std::size_t shown = 60;
     return "\"" + (text.size() > shown ? text.substr(0, shown) + "..." : text) + "\"";
-}
-
-std::string trimmed(const std::string& text) {
-    const auto begin = text.find_first_not_of(" \t");
-    if (begin == std::string::npos) {
-        return {};
-    }
-    return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
-}
-
-template <typename T>
-bool parseWhole(const std::string& text, T& value) {
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, value);
-    return result.ec == std::errc() && result.ptr == end;
 }
 
 class RowParser {
@@ -49,40 +28,21 @@ public:
     }
 
     StylusTouchPoint parse(const std::string& line, std::size_t lineNumber) const {
-        std::array<std::string, fieldCount> fields;
-        std::size_t found = 0;
-        std::stringstream stream(line);
-        std::string field;
-        while (std::getline(stream, field, ',')) {
-            if (found < fieldCount) {
-                fields[found] = trimmed(field);
-            }
-            ++found;
+        const recordingformat::ParsedRow row = recordingformat::parseRow(line);
+        if (row.fieldsFound != recordingformat::kFieldCount) {
+            fail(lineNumber, "malformed row " + quoted(line) + ": expected 7 fields, found " +
+                                 std::to_string(row.fieldsFound));
         }
-        if (!line.empty() && line.back() == ',') {
-            ++found;  // getline does not report the empty last field
+        if (row.badField >= 0) {
+            const std::string field = quoted(std::string(row.badText));
+            const std::string what = row.badField == 0   ? " is not a whole non-negative number of milliseconds"
+                                     : row.badField == 6 ? " is not an integer"
+                                                         : " is not a finite number";
+            fail(lineNumber, std::string("malformed row: ") +
+                                 recordingformat::kFieldNames[static_cast<std::size_t>(row.badField)] + " " + field +
+                                 what);
         }
-        if (found != fieldCount) {
-            fail(lineNumber, "malformed row " + quoted(line) + ": expected 7 fields, found " + std::to_string(found));
-        }
-        StylusTouchPoint point{};
-        if (!parseWhole(fields[0], point.timestamp)) {
-            fail(lineNumber, "malformed row: timestamp " + quoted(fields[0]) +
-                                 " is not a whole non-negative number of milliseconds");
-        }
-        float* floats[] = {&point.x_pos, &point.y_pos, &point.pressure, &point.tilt, &point.orientation};
-        for (std::size_t i = 0; i < 5; ++i) {
-            double value = 0.0;
-            if (!parseWhole(fields[i + 1], value) || !std::isfinite(value)) {
-                fail(lineNumber, std::string("malformed row: ") + fieldNames[i + 1] + " " + quoted(fields[i + 1]) +
-                                     " is not a finite number");
-            }
-            *floats[i] = static_cast<float>(value);
-        }
-        if (!parseWhole(fields[6], point.tag)) {
-            fail(lineNumber, "malformed row: tag " + quoted(fields[6]) + " is not an integer");
-        }
-        return point;
+        return row.point;
     }
 
 private:
@@ -128,7 +88,7 @@ Recording RecordingReader::parse(std::istream& in, const std::string& name) {
     while (std::getline(in, line)) {
         ++lineNumber;
         stripLineEnd(line);
-        if (trimmed(line).empty()) {
+        if (line.find_first_not_of(" \t") == std::string::npos) {
             continue;
         }
         const StylusTouchPoint point = parser.parse(line, lineNumber);

@@ -1,26 +1,16 @@
 #include "RecordingWriter.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <fstream>
 
-#include "RecordingReader.h"
+#include "RecordingFormat.h"
 #include "ReplayError.h"
 
 namespace replay {
 
-std::string RecordingWriter::row(const StylusTouchPoint& sample) {
-    char text[512];
-    const int length = std::snprintf(text, sizeof(text), "%" PRIu64 ",%.7f,%.7f,%.7f,%.7f,%.7f,%" PRId32 "\n",
-                                     sample.timestamp, static_cast<double>(sample.x_pos),
-                                     static_cast<double>(sample.y_pos), static_cast<double>(sample.pressure),
-                                     static_cast<double>(sample.tilt), static_cast<double>(sample.orientation),
-                                     sample.tag);
-    return std::string(text, static_cast<std::size_t>(length));
-}
+std::string RecordingWriter::row(const StylusTouchPoint& sample) { return recordingformat::row(sample); }
 
 void RecordingWriter::write(std::ostream& out, const std::vector<StylusTouchPoint>& samples) {
-    out << RecordingReader::header << '\n';
+    out << recordingformat::kHeaderLine;
     for (const StylusTouchPoint& sample : samples) {
         out << row(sample);
     }

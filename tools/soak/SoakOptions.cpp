@@ -7,7 +7,7 @@ namespace soak {
 const char* SoakOptions::usage() {
     return "usage: stylus-soak (--config FILE | --model FILE) [--batches N] [--senders N] [--pause-us N]\n"
            "                   [--policy Block|'Reject Newest'] [--work-dir DIR] [--json FILE]\n"
-           "                   [--rss-limit-mib X] [--seed N]\n";
+           "                   [--rss-limit-mib X] [--seed N] [--restarts N]\n";
 }
 
 SoakOptions SoakOptions::parse(int argc, char** argv) {
@@ -36,6 +36,8 @@ SoakOptions SoakOptions::parse(int argc, char** argv) {
             options.paceMicroseconds = number([](const std::string& v) { return std::stoi(v); });
         } else if (flag == "--rss-limit-mib") {
             options.rssLimitMiB = number([](const std::string& v) { return std::stod(v); });
+        } else if (flag == "--restarts") {
+            options.restarts = number([](const std::string& v) { return std::stoi(v); });
         } else if (flag == "--seed") {
             options.seed = static_cast<uint32_t>(number([](const std::string& v) { return std::stoul(v); }));
         } else if (flag == "--config") {
@@ -57,6 +59,9 @@ SoakOptions SoakOptions::parse(int argc, char** argv) {
     }
     if (options.senders < 1 || options.batches < 1) {
         throw std::invalid_argument("--batches and --senders must be at least 1");
+    }
+    if (options.restarts < 0) {
+        throw std::invalid_argument("--restarts must not be negative");
     }
     return options;
 }

@@ -16,6 +16,7 @@ struct SoakOptions {
     std::string jsonOut;            // also write the report as JSON here
     double rssLimitMiB = 4.0;       // resident growth from warm-up to end still counted as noise
     uint32_t seed = 1;
+    int restarts = 24;              // rounds of the restart phase: a bad configuration, then batches going back
 
     // Throws std::invalid_argument with a message for the user.
     static SoakOptions parse(int argc, char** argv);

@@ -1,7 +1,8 @@
 // stylus-soak: sends a long run of mixed good and bad batches from concurrent senders through the
-// library's exported functions, with recording on, and reports what went in, what came out, the
-// resident memory over the run, and whether every sample the recorder's queue accepted was written.
-// Exit status 0 when every check holds.
+// library's exported functions, with recording on, then restarts the library many times with bad
+// configurations and batches going back in time. Reports what went in, what came out, the resident
+// memory over the runs, and whether every sample the recorder accepted was either written or
+// reported lost. Exit status 0 when every check holds.
 #include <unistd.h>
 
 // The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
@@ -25,8 +26,10 @@
 #include <vector>
 
 #include "BatchMix.h"
-#include "RecorderTap.h"
+#include "RecordingCount.h"
+#include "RestartPhase.h"
 #include "SoakOptions.h"
+#include "StylusLibHandle.h"
 #include "StylusStrokePredictor.h"
 #include "velmar/Log.h"
 #include "GeneratedModelKeys.h"
@@ -100,9 +103,9 @@ struct LogCounts {
 LogCounts g_log;
 
 // The model keys of the given configuration (or generic ones for a bare model) and pipeline keys that
-// record every accepted batch into one file: chunks never complete a file, so no two files can share
-// a name.
-std::string writeConfig(const soak::SoakOptions& options, const fs::path& dir, const fs::path& recordings) {
+// record every accepted batch into one file: chunks never complete a file.
+boost::property_tree::ptree configTree(const soak::SoakOptions& options, const fs::path& dir,
+                                       const fs::path& recordings) {
     boost::property_tree::ptree modelKeys;
     fs::path model;
     if (!options.config.empty()) {
@@ -127,9 +130,8 @@ std::string writeConfig(const soak::SoakOptions& options, const fs::path& dir, c
     tree.put("Pipeline.numChunksInFile", 2000000000);
     tree.put("Pipeline.diskFillPercentTh", 100);
     tree.put("Pipeline.dataFileDirectory", recordings.string());
-    const std::string config = (dir / "predictor.json").string();
-    boost::property_tree::write_json(config, tree);
-    return config;
+    tree.put("Pipeline.diskCheckPath", recordings.string());
+    return tree;
 }
 
 struct SenderCounts {
@@ -137,42 +139,6 @@ struct SenderCounts {
     uint64_t refused[kKinds] = {};
     uint64_t recorderSamples = 0;  // handed to the recorder by the accepted batches
 };
-
-struct Recordings {
-    uint64_t datFiles = 0;
-    uint64_t tmpFiles = 0;
-    uint64_t rows = 0;
-    uint64_t badHeaders = 0;
-    uint64_t malformedRows = 0;
-};
-
-Recordings countRecordings(const fs::path& dir) {
-    Recordings result;
-    for (const auto& entry : fs::directory_iterator(dir)) {
-        const std::string name = entry.path().filename().string();
-        if (entry.path().extension() == ".tmp") {
-            ++result.tmpFiles;
-            continue;
-        }
-        if (entry.path().extension() != ".dat") {
-            continue;  // the consent file
-        }
-        ++result.datFiles;
-        std::ifstream in(entry.path());
-        std::string line;
-        std::getline(in, line);
-        if (line != "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag") {
-            ++result.badHeaders;
-        }
-        while (std::getline(in, line)) {
-            ++result.rows;
-            if (std::count(line.begin(), line.end(), ',') != 6) {
-                ++result.malformedRows;
-            }
-        }
-    }
-    return result;
-}
 
 class Report {
 public:
@@ -227,7 +193,9 @@ int run(const soak::SoakOptions& options) {
     }
     const fs::path recordings = dir / "rec";
     fs::create_directories(recordings);
-    const std::string config = writeConfig(options, dir, recordings);
+    const boost::property_tree::ptree tree = configTree(options, dir, recordings);
+    const std::string config = (dir / "predictor.json").string();
+    boost::property_tree::write_json(config, tree);
 
     g_log.install();
     const double rssBeforeInit = residentMiB();
@@ -288,8 +256,15 @@ int run(const soak::SoakOptions& options) {
     }
     const double rssEnd = residentMiB();
     const int numPredictions = numPredictedPoints(handle);
+    handle->impl->stop();
+    const RecorderCounts recorder = handle->impl->recorderCounts();
     DeInitStylusLib(handle);
     const auto end = Clock::now();
+    const uint64_t predictions = g_predictions.load();
+
+    soak::RestartPhase restartPhase(tree, dir, &onPredictions, &onInputPoints);
+    const soak::RestartPhaseReport restarts =
+        restartPhase.run(options.restarts, 2000, options.seed * 104729u);
     velmar::Log::setSink(nullptr);
 
     SenderCounts total;
@@ -306,18 +281,20 @@ int run(const soak::SoakOptions& options) {
         sent += total.sent[k];
         refused += total.refused[k];
     }
-    const Recordings recorded = countRecordings(recordings);
+    const soak::RecordingCount recorded = soak::RecordingCount::of(recordings);
     const double rssStart = rssAtTenth.front();
     const double rssGrowth = rssEnd - rssStart;
     const double seconds = std::chrono::duration<double>(end - start).count();
 
-    const bool noneLost = recorded.rows == soak::RecorderTap::accepted();
-    const bool handOffMatches = soak::RecorderTap::offered() == total.recorderSamples;
-    const bool filesWhole = recorded.tmpFiles == 0 && recorded.badHeaders == 0 && recorded.malformedRows == 0 &&
-                            recorded.datFiles <= 1;
-    const bool memoryFlat = rssGrowth <= options.rssLimitMiB;
-    const bool callbacksSane = g_badCallbacks.load() == 0 && g_predictions.load() <= sent - refused;
-    const bool pass = noneLost && handOffMatches && filesWhole && memoryFlat && callbacksSane;
+    const bool recorderBalanced = recorded.rows == recorder.written &&
+                                  recorder.written + recorder.lost == recorder.accepted && restarts.recorderBalanced;
+    const bool restartsRan = restarts.goodConfigsRefused == 0;
+    const bool handOffMatches = recorder.accepted + recorder.refused == total.recorderSamples;
+    const bool filesWhole = recorded.whole() && recorded.datFiles <= 1 && restarts.filesWhole;
+    const double restartRssGrowth = restarts.rssEndMiB - restarts.rssStartMiB;
+    const bool memoryFlat = rssGrowth <= options.rssLimitMiB && restartRssGrowth <= options.rssLimitMiB;
+    const bool callbacksSane = g_badCallbacks.load() == 0 && predictions <= sent - refused;
+    const bool pass = restartsRan && recorderBalanced && handOffMatches && filesWhole && memoryFlat && callbacksSane;
 
     Report report;
     report.add("model", options.config.empty() ? options.model : options.config);
@@ -330,15 +307,16 @@ int run(const soak::SoakOptions& options) {
     }
     report.add("batches_refused", refused);
     report.add("batches_accepted", sent - refused);
-    report.add("predictions_received", g_predictions.load());
+    report.add("predictions_received", predictions);
     report.add("predicted_points_received", g_coordinates.load());
     report.add("input_points_received", g_inputPoints.load());
     report.add("num_predicted_points", numPredictions);
     report.add("host_queries", queries);
     report.add("recorder_samples_expected_from_accepted_batches", total.recorderSamples);
-    report.add("recorder_samples_offered", soak::RecorderTap::offered());
-    report.add("recorder_samples_accepted_by_queue", soak::RecorderTap::accepted());
-    report.add("recorder_samples_refused_by_queue", soak::RecorderTap::offered() - soak::RecorderTap::accepted());
+    report.add("recorder_samples_accepted", recorder.accepted);
+    report.add("recorder_samples_refused_by_queue", recorder.refused);
+    report.add("recorder_rows_written", recorder.written);
+    report.add("recorder_rows_reported_lost", recorder.lost);
     report.add("rows_recorded", recorded.rows);
     report.add("recording_files", recorded.datFiles);
     report.add("recording_tmp_files_left", recorded.tmpFiles);
@@ -371,7 +349,23 @@ int run(const soak::SoakOptions& options) {
     report.add("send_seconds", std::chrono::duration<double>(sendDone - start).count());
     report.add("wall_seconds", seconds);
     report.add("batches_per_second", static_cast<double>(sent) / seconds);
-    report.add("check_no_recorded_sample_lost", noneLost ? "true" : "false");
+    report.add("restart_rounds", restarts.rounds);
+    report.add("restart_bad_configs_tried", restarts.badConfigsTried);
+    report.add("restart_bad_configs_refused_by_init", restarts.badConfigsRefused);
+    report.add("restart_good_configs_refused_by_init", restarts.goodConfigsRefused);
+    report.add("restart_pipelines_run", restarts.pipelinesRun);
+    report.add("restart_batches_sent", restarts.batchesSent);
+    report.add("restart_batches_refused", restarts.batchesRefused);
+    report.add("restart_batches_going_back", restarts.batchesGoingBack);
+    report.add("restart_recorder_samples_accepted", restarts.recorder.accepted);
+    report.add("restart_recorder_samples_refused_by_queue", restarts.recorder.refused);
+    report.add("restart_recorder_rows_reported_lost", restarts.recorder.lost);
+    report.add("restart_rows_recorded", restarts.rowsRecorded);
+    report.add("restart_rss_mib_start", restarts.rssStartMiB);
+    report.add("restart_rss_mib_end", restarts.rssEndMiB);
+    report.add("restart_rss_mib_growth", restartRssGrowth);
+    report.add("check_restarts_ran", restartsRan ? "true" : "false");
+    report.add("check_rows_recorded_plus_lost_equal_accepted", recorderBalanced ? "true" : "false");
     report.add("check_recorder_hand_off_matches_batches", handOffMatches ? "true" : "false");
     report.add("check_recording_files_whole", filesWhole ? "true" : "false");
     report.add("check_memory_flat", memoryFlat ? "true" : "false");

@@ -27,6 +27,9 @@ outputs: output 0 [1, 10] (x, y displacement per predicted point) and output 1 [
   ops_n10_p5.expected     its numpy reference, laid out as mlp_n10_p5.expected.
   relu_n1_n10_p5.tflite   n = 10, FC 16 with fused RELU_N1_TO_1 -> heads 10 and 5;
   relu_n1_n10_p5.expected its numpy reference, likewise.
+  rows_of_5_n12.tflite    input [1, 12, 5]: as many floats as ten rows of six, in rows of the wrong
+                          width; outputs as const_n10_p5.
+  one_head_n10.tflite     n = 10 with output 0 only.
 """
 
 import os
@@ -183,6 +186,8 @@ def main():
     write_unsupported(os.path.join(outdir, "unsupported_op.tflite"))
     write_ops_model(outdir)
     write_relu_n1_model(outdir)
+    write_mlp(os.path.join(outdir, "rows_of_5_n12.tflite"), 12, [], constant_heads(10), input_features=5)
+    write_mlp(os.path.join(outdir, "one_head_n10.tflite"), 10, [], constant_heads(10)[:1])
 
 
 if __name__ == "__main__":

@@ -23,7 +23,8 @@ public:
     };
 
     // Throws boost::property_tree::file_parser_error naming the file (and line where known)
-    // when the file cannot be read or parsed.
+    // when the file cannot be read or parsed, nests deeper than 64 levels, or (INFO) includes
+    // files more than 8 deep or more than 64 in all.
     Config(const std::string& path, Format format, InputType inputType);
 
     // The default when the key is absent; otherwise the value converted by the tree's stream

@@ -1,0 +1,40 @@
+#include "RecordingCount.h"
+
+#include <fstream>
+#include <string>
+
+#include "RecordingFormat.h"
+#include "RecordingParse.h"
+
+namespace soak {
+
+RecordingCount RecordingCount::of(const std::filesystem::path& dir) {
+    RecordingCount result;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        if (entry.path().extension() == ".tmp") {
+            ++result.tmpFiles;
+            continue;
+        }
+        if (entry.path().extension() != ".dat") {
+            continue;
+        }
+        ++result.datFiles;
+        std::ifstream in(entry.path());
+        std::string line;
+        std::getline(in, line);
+        if (line != recordingformat::kHeader) {
+            ++result.badHeaders;
+        }
+        while (std::getline(in, line)) {
+            ++result.rows;
+            // Non-finite values are recorded as the host sent them; only the structure must hold.
+            const recordingformat::ParsedRow row = recordingformat::parseRow(line);
+            if (row.fieldsFound != recordingformat::kFieldCount || row.badField == 0 || row.badField == 6) {
+                ++result.malformedRows;
+            }
+        }
+    }
+    return result;
+}
+
+}  // namespace soak
