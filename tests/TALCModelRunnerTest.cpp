@@ -341,9 +341,22 @@ TEST(TALCModelRunnerTest, ForcedEngineIsHonouredFromArgumentEnvironmentAndConfig
     testsupport::TempDir dir;
     const std::string config = dir.file("predictor.json");
     testsupport::writeFile(dir.file("m.tflite"), testsupport::readFile(model("const_n10_p5")));
+    std::string keys = "\"model_name\": \"m.tflite\", \"num_historical_points\": 10";
+    for (const char* feature : {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"}) {
+        keys += std::string(", \"feature_") + feature + "_min\": -1, \"feature_" + feature + "_max\": 1";
+    }
+    const auto writeConfig = [&](const std::string& engine) {
+        testsupport::writeFile(config, "{\"PredictionModel\": {" + keys + ", \"inference_engine\": \"" + engine + "\"}}");
+    };
+    writeConfig("tflite");
+    try {
+        styluspipeline::PredictorParams refused(config);
+        ADD_FAILURE() << "an unknown engine was accepted";
+    } catch (const std::exception& e) {
+        EXPECT_NE(std::string(e.what()).find("PredictionModel.inference_engine = \"tflite\": expected auto, xnnpack or armnn"), std::string::npos) << e.what();
+    }
     for (const std::string& engine : {std::string("armnn"), std::string("xnnpack")}) {
-        testsupport::writeFile(config, "{\"PredictionModel\": {\"model_name\": \"m.tflite\", \"num_historical_points\": 10, "
-                                       "\"inference_engine\": \"" + engine + "\"}}");
+        writeConfig(engine);
         testsupport::LogCapture log(velmar::Info);
         styluspipeline::PredictorParams params(config);
         styluspipeline::ModelPredictor predictor(params.modelParams, dir.file("metrics.txt"));
