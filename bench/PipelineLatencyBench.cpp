@@ -1,7 +1,9 @@
 // End-to-end latency through the exported functions: from sendInputTouchPoints returning to the
 // host's onPredictions being called for that batch. One pen stroke at 240 Hz, cut into batches of 4
 // samples, sent either paced like a pen (one batch every 16.7 ms) or flat out. Each run reports
-// p50, p99 and the maximum over every batch that produced a prediction.
+// p50, p99 and the maximum over every batch that produced a prediction. Models: "minimal" (the
+// generated const_n10_p5), "shipped" (models/, engine chosen as the library chooses it) and
+// "shipped_armnn" (the same, forced onto Arm NN for comparison).
 //
 // Extra flags (before the Google Benchmark ones):
 //   --batches=N          batches per run (default 10000)
@@ -62,7 +64,8 @@ std::string writeConfig(const BenchTempDir& dir, const fs::path& model, boost::p
 // What the callback needs, global because the callbacks are plain C functions.
 struct Run {
     std::vector<uint64_t> newestTimestamp;  // per batch, ascending
-    std::vector<int64_t> sentNs;            // sender thread only
+    std::vector<int64_t> callNs;            // sender thread only: before the call
+    std::vector<int64_t> sentNs;            // sender thread only: after it returned
     std::vector<int64_t> calledNs;          // inference thread only
 };
 Run g_run;
@@ -116,7 +119,11 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
         boost::property_tree::read_json(g_shippedConfig, shipped);
         const fs::path model = fs::path(g_shippedConfig).parent_path() /
                                shipped.get<std::string>("PredictionModel.model_name");
-        config = writeConfig(dir, model, shipped.get_child("PredictionModel"));
+        boost::property_tree::ptree keys = shipped.get_child("PredictionModel");
+        if (modelKind == "shipped_armnn") {
+            keys.put("inference_engine", "armnn");
+        }
+        config = writeConfig(dir, model, keys);
     }
 
     const auto stroke = makeStroke(g_batchCount);
@@ -124,6 +131,7 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
     for (const auto& batch : stroke) {
         g_run.newestTimestamp.push_back(batch.back().timestamp);
     }
+    g_run.callNs.assign(stroke.size(), 0);
     g_run.sentNs.assign(stroke.size(), 0);
     g_run.calledNs.assign(stroke.size(), 0);
 
@@ -135,6 +143,7 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
             if (paced) {
                 std::this_thread::sleep_until(start + kBatchPeriod * static_cast<int64_t>(b));
             }
+            g_run.callNs[b] = nowNs();
             if (sendInputTouchPoints(handle, stroke[b].data(), kBatchSize) != 0) {
                 state.SkipWithError("a batch was refused under the Block policy");
                 break;
@@ -145,6 +154,7 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
     }
 
     std::vector<double> latenciesUs;
+    std::vector<double> fromCallUs;  // from the call itself: never negative
     size_t callbackFirst = 0;
     for (size_t b = 0; b < stroke.size(); ++b) {
         if (g_run.calledNs[b] == 0) {
@@ -156,8 +166,12 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
             ++callbackFirst;
         }
         latenciesUs.push_back(static_cast<double>(std::max<int64_t>(latency, 0)) / 1000.0);
+        fromCallUs.push_back(static_cast<double>(g_run.calledNs[b] - g_run.callNs[b]) / 1000.0);
     }
     std::sort(latenciesUs.begin(), latenciesUs.end());
+    std::sort(fromCallUs.begin(), fromCallUs.end());
+    state.counters["from_call_p50_us"] = percentile(fromCallUs, 0.50);
+    state.counters["from_call_p99_us"] = percentile(fromCallUs, 0.99);
     double sum = 0.0;
     for (double latency : latenciesUs) {
         sum += latency;
@@ -204,12 +218,16 @@ int main(int argc, char** argv) {
     std::vector<std::string> models = {"minimal"};
     if (fs::exists(g_shippedConfig)) {
         models.push_back("shipped");
+        models.push_back("shipped_armnn");
     } else {
         std::fprintf(stderr, "No shipped model configuration at %s: only the minimal model is measured\n",
                      g_shippedConfig.c_str());
     }
     for (const std::string& model : models) {
         for (const bool paced : {false, true}) {
+            if (model == "shipped_armnn" && !paced) {
+                continue;  // the comparison that matters is at pen rate
+            }
             const std::string name = "EndToEndLatency/" + model + (paced ? "/paced240Hz" : "/flatOut");
             benchmark::RegisterBenchmark(name.c_str(), [model, paced](benchmark::State& state) {
                 runLatency(state, model, paced);

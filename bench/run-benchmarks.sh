@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the benchmarks (Release) and runs them all, then writes one JSON summary.
 # Usage: bench/run-benchmarks.sh [--batches N] [--out FILE]
-#   --batches  batches per end-to-end latency run (default 10000; the paced runs take N x 16.7 ms)
+#   --batches  batches per end-to-end latency run (default 10000; each of the three paced runs takes
+#              N x 16.7 ms)
 #   --out      summary file (default bench/results.json)
 # Timings live here only; no pass/fail test depends on them.
 set -euo pipefail
@@ -21,7 +22,8 @@ done
 scripts/install-deps.sh
 
 build="$root/build/bench"
-benches=(ModelPredictorBench DataQueueBench LogBench StylusDataWriterBench PipelineLatencyBench)
+benches=(InferenceEngineBench WakeUpBench ModelPredictorBench DataQueueBench LogBench StylusDataWriterBench
+         PipelineLatencyBench)
 echo "=== bench: configure and build in $build" >&2
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DSTYLUS_BUILD_BENCH=ON -DSTYLUS_BUILD_TESTS=OFF >/dev/null
 cmake --build "$build" -j "${JOBS:-$(nproc)}" --target "${benches[@]}"
@@ -76,9 +78,11 @@ for bench in benches:
     context, results[bench] = entries(bench)
     summary.setdefault("machine", {k: context.get(k) for k in ("host_name", "num_cpus", "mhz_per_cpu")})
 summary["build_type"] = "Release"
-summary["models"] = {"prediction_call": "generated mlp_n10_p5.tflite (ModelPredictorBench)",
-                     "minimal": "generated const_n10_p5.tflite (zero weights: the runtime's least work)",
-                     "shipped": "models/stylus_predictor.tflite with models/stylus_predictor.json"}
+summary["models"] = {"inference": "models/stylus_predictor.tflite (InferenceEngineBench: floor, XNNPACK, Arm NN)",
+                     "prediction_call": "generated ops_n10_p5.tflite (ModelPredictorBench; XNNPACK)",
+                     "minimal": "generated const_n10_p5.tflite (zero weights: the runtime's least work; XNNPACK)",
+                     "shipped": "models/stylus_predictor.tflite with models/stylus_predictor.json (XNNPACK)",
+                     "shipped_armnn": "the same, forced onto Arm NN with PredictionModel.inference_engine"}
 
 
 def figure(bench, name, key="real_time"):
@@ -87,6 +91,23 @@ def figure(bench, name, key="real_time"):
 
 
 # The figures quoted most, in one place; nanoseconds unless the name says otherwise.
+inference = {}
+for name, b in results.get("InferenceEngineBench", {}).items():
+    parts = name.split("/")
+    if len(parts) < 3 or "error" in b:
+        continue
+    entry = inference.setdefault(parts[1], {})
+    if parts[2] == "warm":
+        entry["warm_cpu_ns"] = b.get("cpu_time")
+        entry["warm_real_ns"] = b.get("real_time")
+        entry["max_abs_diff_vs_floor"] = b.get("max_abs_diff_vs_floor")
+    else:
+        entry["paced_p50_us"] = b.get("p50_us")
+        entry["paced_p99_us"] = b.get("p99_us")
+summary["inference_shipped_model"] = inference
+summary["thread_wake_up_at_pen_rate"] = {
+    name.split("/")[0]: {k: b.get(k) for k in ("p50_us", "p99_us", "max_us", "consumer_cpu_percent")}
+    for name, b in results.get("WakeUpBench", {}).items() if "error" not in b}
 summary["headline"] = {
     "prediction_call_total_ns": figure("ModelPredictorBench", "BM_PredictTotal"),
     "prediction_call_inference_ns": figure("ModelPredictorBench", "BM_RunInferenceWithTensorCopies"),
@@ -106,7 +127,8 @@ for name, b in results["PipelineLatencyBench"].items():
     if len(parts) < 3 or "error" in b:
         continue
     latency.setdefault(parts[1], {})[parts[2]] = {
-        k: b[k] for k in ("p50_us", "p99_us", "max_us", "mean_us", "batches", "predicted", "callback_before_return")
+        k: b[k] for k in ("p50_us", "p99_us", "max_us", "mean_us", "from_call_p50_us", "from_call_p99_us", "batches",
+                          "predicted", "callback_before_return")
         if k in b}
 summary["end_to_end_latency_us"] = latency
 summary["benchmarks"] = results

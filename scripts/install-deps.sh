@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libboost-dev libboost-filesystem-dev libboost-system-dev
   libarmnn-dev libarmnntfliteparser-dev libarmnn-cpuref-backend22
+  libxnnpack-dev libpthreadpool-dev libcpuinfo-dev libflatbuffers-dev
   python3 python3-numpy python3-flatbuffers
   python3-jsonschema chromium
   "$@"

@@ -86,6 +86,7 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
                      "modelParams.feature_pressure_max : 2", "modelParams.feature_pressure_min : -2",
                      "modelParams.use_raw_pressure : false", "modelParams.target_event_count : 50000",
                      "modelParams.save_metrics_interval : 5000", "modelParams.predictionErrorMeasurementWindow : 120",
+                     "modelParams.inference_engine : auto",
                      "Enable debug writing : false", "canControlDataWritingAtRunTime : false",
                      "chunkSizeInRecords : 100", "numChunksInFile : 100000",
                      "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30",

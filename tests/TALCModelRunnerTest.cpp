@@ -3,15 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "ModelPredictor.h"
+#include "PredictorParams.h"
 #include "TestSupport.h"
 
+using talcflow::TALCEngine;
 using talcflow::TALCModelRunner;
 using talcflow::TALCTensorType;
 
@@ -35,14 +40,87 @@ std::vector<float> ramp(size_t count, float start) {
     return v;
 }
 
-std::string constructionError(const std::string& path) {
+std::string constructionError(const std::string& path, TALCEngine engine = TALCEngine::Auto) {
     try {
-        TALCModelRunner runner(path);
+        TALCModelRunner runner(path, engine);
     } catch (const std::runtime_error& e) {
         return e.what();
     }
     return "(no exception)";
 }
+
+size_t elements(const talcflow::TALCTensorDetails& details) {
+    size_t n = 1;
+    for (uint32_t d : details.shape) n *= d;
+    return n;
+}
+
+// Runs one input through a runner and returns all outputs, concatenated in output order.
+std::vector<float> allOutputs(TALCModelRunner& runner, const std::vector<float>& input) {
+    EXPECT_EQ(runner.SetInputTensorData(0, kFloat, input.data(), input.size() * sizeof(float)), kOk);
+    EXPECT_EQ(runner.runInference(), kOk);
+    std::vector<float> all;
+    for (int k = 0;; ++k) {
+        size_t count = 0;
+        try {
+            count = elements(runner.getOutputTensorDetails(k));
+        } catch (const std::out_of_range&) {
+            return all;
+        }
+        const std::vector<float> out = outputOf(runner, k, count);
+        all.insert(all.end(), out.begin(), out.end());
+    }
+}
+
+// Both engines compute in float32 with different summation orders and XNNPACK's sigmoid is a
+// polynomial: relative 1e-5, with an absolute floor for values that cancel to near zero.
+void expectSameOutputs(const std::vector<float>& actual, const std::vector<float>& expected) {
+    ASSERT_EQ(actual.size(), expected.size());
+    for (size_t i = 0; i < actual.size(); ++i) {
+        if (std::isnan(expected[i])) {
+            EXPECT_TRUE(std::isnan(actual[i])) << i;
+            continue;
+        }
+        const float tolerance = 1e-5f * std::max(std::fabs(actual[i]), std::fabs(expected[i])) + 1e-6f;
+        EXPECT_NEAR(actual[i], expected[i], tolerance) << i;
+    }
+}
+
+// Model input (first values) and the numpy forward pass's outputs (the rest), as the model generator
+// writes them.
+std::pair<std::vector<float>, std::vector<float>> reference(const std::string& name, size_t inputs) {
+    const std::string bytes = testsupport::readFile(std::string(TEST_MODELS_DIR) + "/" + name + ".expected");
+    std::vector<float> all(bytes.size() / sizeof(float));
+    std::memcpy(all.data(), bytes.data(), all.size() * sizeof(float));
+    if (all.size() < inputs) return {};
+    return {std::vector<float>(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(inputs)),
+            std::vector<float>(all.begin() + static_cast<std::ptrdiff_t>(inputs), all.end())};
+}
+
+// Sets an environment variable for one scope and restores the previous state.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment(const char* name, const char* value) : name(name) {
+        if (const char* old = std::getenv(name)) saved = old, hadValue = true;
+        if (value == nullptr) {
+            unsetenv(name);
+        } else {
+            setenv(name, value, 1);
+        }
+    }
+    ~ScopedEnvironment() {
+        if (hadValue) {
+            setenv(name, saved.c_str(), 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+
+private:
+    const char* name;
+    std::string saved;
+    bool hadValue = false;
+};
 
 void expectConstOutputs(TALCModelRunner& runner) {
     const std::vector<float> out0 = outputOf(runner, 0, 10);
@@ -156,4 +234,135 @@ TEST(TALCModelRunnerTest, RunnersOutliveEachOtherAndBuildOnAnyThread) {
     first.reset();
     ASSERT_EQ(second.runInference(), kOk);
     expectConstOutputs(second);
+}
+
+// Every model both engines load, the shipped one read as it is today: the same input gives the same
+// outputs on XNNPACK and on Arm NN.
+TEST(TALCModelRunnerTest, BothEnginesGiveTheSameOutputsOnEveryModelTheyBothRun) {
+    const std::string models[] = {model("const_n10_p5"), model("const_n25_p5"), model("small_n4_p5"),
+                                  model("copy_n10_p5"), model("ops_n10_p5"), STYLUS_SHIPPED_MODEL};
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> value(-1.5f, 1.5f);
+    for (const std::string& path : models) {
+        SCOPED_TRACE(path);
+        TALCModelRunner xnnpack(path, TALCEngine::XNNPACK);
+        TALCModelRunner armnn(path, TALCEngine::ArmNN);
+        EXPECT_EQ(xnnpack.backendName(), "XNNPACK");
+        EXPECT_EQ(armnn.backendName(), "CpuRef");
+        EXPECT_EQ(xnnpack.getInputTensorDetails(0).shape, armnn.getInputTensorDetails(0).shape);
+        for (int trial = 0; trial < 3; ++trial) {
+            std::vector<float> input(elements(xnnpack.getInputTensorDetails(0)));
+            for (float& v : input) v = value(random);
+            expectSameOutputs(allOutputs(xnnpack, input), allOutputs(armnn, input));
+        }
+    }
+}
+
+// RELU_N1_TO_1 is fused by XNNPACK but not taken by Arm NN's parser: the numpy forward pass is the
+// reference for it, and for the model of every other fast-path operator too.
+TEST(TALCModelRunnerTest, FastPathMatchesTheForwardPassOfTheModelGenerator) {
+    for (const char* name : {"ops_n10_p5", "relu_n1_n10_p5"}) {
+        SCOPED_TRACE(name);
+        TALCModelRunner runner(model(name));
+        EXPECT_EQ(runner.backendName(), "XNNPACK");
+        const auto [input, expected] = reference(name, 60);
+        ASSERT_EQ(expected.size(), 15u);
+        expectSameOutputs(allOutputs(runner, input), expected);
+    }
+}
+
+TEST(TALCModelRunnerTest, GraphsXnnpackDoesNotRunFallBackToArmNNAndSaySo) {
+    struct Case {
+        std::string name;
+        std::string why;  // in the load report of the automatic choice and in the forced failure
+    };
+    const Case cases[] = {
+        {"mlp_n10_p5", "XNNPACK does not run operator 2 (FULLY_CONNECTED with fused activation TANH)"},
+        {"nan_logit_n10_p5", "XNNPACK does not run operator 2 (constant tensor \"output1/bias\" holds NaN or infinity)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        testsupport::LogCapture log(velmar::Info);
+        TALCModelRunner runner(model(c.name));
+        EXPECT_EQ(runner.backendName(), "CpuRef");
+        EXPECT_EQ(runner.engineReport(), "Arm NN CpuRef (" + c.why + ")");
+        EXPECT_EQ(log.messages(), std::vector<std::string>{"Inference engine : Arm NN CpuRef (" + c.why + ")"});
+        const std::string forced = constructionError(model(c.name), TALCEngine::XNNPACK);
+        EXPECT_NE(forced.find("\"" + model(c.name) + "\": " + c.why + " (forced by the caller)"), std::string::npos)
+            << forced;
+    }
+    EXPECT_NE(constructionError(model("unsupported_op"), TALCEngine::XNNPACK)
+                  .find("XNNPACK does not run operator 0 (custom operator \"NoSuchOperator\")"),
+              std::string::npos);
+}
+
+TEST(TALCModelRunnerTest, ForcedEngineIsHonouredFromArgumentEnvironmentAndConfiguration) {
+    struct Case {
+        TALCEngine argument;
+        const char* environment;  // TALC_INFERENCE_ENGINE, null for unset
+        std::string backend;
+        std::string report;
+    };
+    const Case cases[] = {
+        {TALCEngine::Auto, nullptr, "XNNPACK", "XNNPACK (all 3 operators of subgraph 0)"},
+        {TALCEngine::Auto, "", "XNNPACK", "XNNPACK (all 3 operators of subgraph 0)"},
+        {TALCEngine::ArmNN, nullptr, "CpuRef", "Arm NN CpuRef (forced by the caller)"},
+        {TALCEngine::XNNPACK, nullptr, "XNNPACK", "XNNPACK (all 3 operators of subgraph 0; forced by the caller)"},
+        {TALCEngine::Auto, "armnn", "CpuRef", "Arm NN CpuRef (forced by TALC_INFERENCE_ENGINE=armnn)"},
+        {TALCEngine::Auto, "XNNPACK", "XNNPACK",
+         "XNNPACK (all 3 operators of subgraph 0; forced by TALC_INFERENCE_ENGINE=XNNPACK)"},
+        {TALCEngine::Auto, "auto", "XNNPACK", "XNNPACK (all 3 operators of subgraph 0; forced by TALC_INFERENCE_ENGINE=auto)"},
+        {TALCEngine::XNNPACK, "armnn", "XNNPACK", "XNNPACK (all 3 operators of subgraph 0; forced by the caller)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.report);
+        ScopedEnvironment environment(TALCModelRunner::kEngineEnvironmentVariable, c.environment);
+        TALCModelRunner runner(model("const_n10_p5"), c.argument);
+        EXPECT_EQ(runner.backendName(), c.backend);
+        EXPECT_EQ(runner.engineReport(), c.report);
+        ASSERT_EQ(runner.runInference(), kOk);
+        expectConstOutputs(runner);
+    }
+    {
+        ScopedEnvironment environment(TALCModelRunner::kEngineEnvironmentVariable, "tflite");
+        EXPECT_NE(constructionError(model("const_n10_p5"))
+                      .find("TALC_INFERENCE_ENGINE: unknown inference engine \"tflite\" (auto, xnnpack or armnn)"),
+                  std::string::npos);
+    }
+
+    EXPECT_EQ(TALCModelRunner::engineFromName("ArmNN"), TALCEngine::ArmNN);
+    EXPECT_EQ(TALCModelRunner::engineFromName("xnnpack"), TALCEngine::XNNPACK);
+    EXPECT_EQ(TALCModelRunner::engineFromName("AUTO"), TALCEngine::Auto);
+    for (const char* bad : {"", "xnn", "arm nn", "cpuref"}) {
+        EXPECT_THROW(TALCModelRunner::engineFromName(bad), std::invalid_argument) << bad;
+    }
+
+    // The configuration key reaches the runner through the predictor's parameters.
+    testsupport::TempDir dir;
+    const std::string config = dir.file("predictor.json");
+    testsupport::writeFile(dir.file("m.tflite"), testsupport::readFile(model("const_n10_p5")));
+    std::string keys = "\"model_name\": \"m.tflite\", \"num_historical_points\": 10";
+    for (const char* feature : {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"}) {
+        keys += std::string(", \"feature_") + feature + "_min\": -1, \"feature_" + feature + "_max\": 1";
+    }
+    const auto writeConfig = [&](const std::string& engine) {
+        testsupport::writeFile(config, "{\"PredictionModel\": {" + keys + ", \"inference_engine\": \"" + engine + "\"}}");
+    };
+    writeConfig("tflite");
+    try {
+        styluspipeline::PredictorParams refused(config);
+        ADD_FAILURE() << "an unknown engine was accepted";
+    } catch (const std::exception& e) {
+        EXPECT_NE(std::string(e.what()).find("PredictionModel.inference_engine = \"tflite\": expected auto, xnnpack or armnn"), std::string::npos) << e.what();
+    }
+    for (const std::string& engine : {std::string("armnn"), std::string("xnnpack")}) {
+        writeConfig(engine);
+        testsupport::LogCapture log(velmar::Info);
+        styluspipeline::PredictorParams params(config);
+        styluspipeline::ModelPredictor predictor(params.modelParams, dir.file("metrics.txt"));
+        EXPECT_EQ(log.count(engine == "armnn" ? "Inference engine : Arm NN CpuRef (forced by the caller)"
+                                              : "Inference engine : XNNPACK (all 3 operators of subgraph 0; forced by the caller)"),
+                  1)
+            << engine;
+    }
 }

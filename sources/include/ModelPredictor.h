@@ -81,6 +81,7 @@ private:
     uint32_t bufferState = kBufferIsGettingFull;
     std::map<unsigned long, StylusTouchPoint> strokeHistory;
     std::vector<StylusTouchPoint> groundTruth;
+    std::vector<PredictedStylusCoordinate> predictions;  // of the current call, capacity kept
     PredictiveMetricCalculator metricCalculator;
 };
 

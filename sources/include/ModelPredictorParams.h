@@ -30,6 +30,7 @@ struct ModelPredictorParams {
     bool use_raw_pressure = false;           // pressure feature is the absolute value, not a difference
     uint32_t target_event_count = 50000;     // metric weight cap
     uint32_t save_metrics_interval = 5000;   // measured points between metric saves
+    std::string inference_engine = "auto";   // auto, xnnpack or armnn (see talcflow::TALCEngine)
 };
 
 }  // namespace styluspipeline

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "ReusableQueue.h"
 #include "StylusStrokePredictor.h"
 
 namespace styluspipeline {
@@ -74,8 +74,9 @@ private:
     uint32_t saveCounter = 0;
     const uint32_t saveMetricsInterval;
     const float mmPerPixel;
-    std::deque<StylusTouchPoint> groundTruthQueue;
-    std::deque<std::pair<PredictedStylusCoordinate, bool>> predictionQueue;
+    // Both hold at most three entries; their storage is reused so that no batch allocates.
+    ReusableQueue<StylusTouchPoint> groundTruthQueue;
+    ReusableQueue<std::pair<PredictedStylusCoordinate, bool>> predictionQueue;
     StylusTouchPoint lastVertex{};
     const std::string metricsFilePath;
 };

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "DataQueue.h"
 #include "ModelPredictor.h"
@@ -70,6 +71,11 @@ private:
     std::map<unsigned long, StylusTouchPoint> lastInputPoints;
     StylusPredictionCallback onPredictions;
     StylusInputPointsCallback onInputPoints;
+    // The arrays handed to the callbacks, kept across batches so that the inference thread does not
+    // allocate per batch; the prediction array is sized at start for the largest prediction count.
+    std::unique_ptr<PredictedStylusCoordinate[]> callbackCoordinates;
+    size_t callbackCoordinatesCapacity = 0;
+    std::vector<StylusTouchPoint> callbackInputPoints;
     std::atomic<bool> allInputProcessed{false};
     std::unique_ptr<StylusDataWriter> dataWriter;
     std::atomic<bool> dataWritingEnabled{false};

@@ -104,7 +104,7 @@ ModelPredictor::ModelPredictor(const ModelPredictorParams& p)
 
 ModelPredictor::ModelPredictor(const ModelPredictorParams& p, const std::string& metricsFilePath)
     : params(p),
-      modelRunner(params.model_path),
+      modelRunner(params.model_path, talcflow::TALCModelRunner::engineFromName(params.inference_engine)),
       featureHistory(historyLengthFittingModel(modelRunner, params)),
       metricCalculator(static_cast<float>(params.pixel_per_inch), params.mm_per_inch, params.target_event_count,
                        params.save_metrics_interval, metricsFilePath) {
@@ -122,6 +122,7 @@ ModelPredictor::ModelPredictor(const ModelPredictorParams& p, const std::string&
 
     stagingFeatures.reserve(static_cast<size_t>(params.num_historcal_points) + kStagingMargin);
     groundTruth.reserve(kGroundTruthReserve);
+    predictions.reserve(static_cast<size_t>(std::max(params.num_predictions, 0)));
 
     VELMAR_LOG(velmar::Info, logTag, "Model Predictor constructor");
 }
@@ -294,13 +295,13 @@ bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, Styl
     modelRunner.GetOutputTensorData(1, talcflow::TALCTensorType::Float32, output1Data.get(),
                                     static_cast<size_t>(output1ElementCount) * sizeof(float));
 
-    std::vector<PredictedStylusCoordinate> predictions;
-    predictions.reserve(static_cast<size_t>(std::max(params.num_predictions, 0)));
+    predictions.clear();
     decodePredictions(predictions);
     metricCalculator.setPredictions(predictions);
 
     out.timestamp = lastTimestamp;
-    out.coordinates = std::move(predictions);
+    // Copied rather than moved, so that both vectors keep their capacity and no call allocates.
+    out.coordinates.assign(predictions.begin(), predictions.end());
     const auto t2 = std::chrono::steady_clock::now();
     out.preprocessLatencyUs = microsecondsBetween(t0, t1);
     out.modelLatencyUs = microsecondsBetween(t1, t2);

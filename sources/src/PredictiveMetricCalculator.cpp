@@ -178,7 +178,7 @@ void PredictiveMetricCalculator::setGroundTruth(const std::vector<StylusTouchPoi
 
 void PredictiveMetricCalculator::strokeClear() {
     VELMAR_LOG(velmar::Verbose, kTag, "Clear called, resetting caches");
-    // clear() keeps the deques' first block, so the next stroke does not allocate again.
+    // clear() keeps the queues' storage, so the next stroke does not allocate again.
     groundTruthQueue.clear();
     predictionQueue.clear();
 }

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <limits>
 #include <sstream>
+#include <stdexcept>
 
 #include "velmar/Config.h"
+#include "talcflow/TALCModelRunner.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/PredictorParams"
@@ -212,6 +214,14 @@ PredictorParams::PredictorParams(const std::string& configFile) {
     READ_LOGGED(config.integer("PredictionModel.predictionErrorWindow", 120, std::numeric_limits<int32_t>::min(),
                                kMaxSigned32),
                 m.predictionErrorMeasurementWindow, "modelParams.predictionErrorMeasurementWindow : ");
+    READ_LOGGED(config.text("PredictionModel.inference_engine", "auto"), m.inference_engine,
+                "modelParams.inference_engine : ");
+    try {
+        talcflow::TALCModelRunner::engineFromName(m.inference_engine);
+    } catch (const std::invalid_argument&) {
+        config.refuse("PredictionModel.inference_engine = " + config.shown("PredictionModel.inference_engine", "") +
+                      ": expected auto, xnnpack or armnn");
+    }
 
     READ_LOGGED(config.flag("Pipeline.enableDataWriting", false), enableDataWriting, "Enable debug writing : ");
     READ_LOGGED(config.flag("Pipeline.canControlDataWritingAtRunTime", false), canControlDataWritingAtRunTime,

@@ -23,6 +23,8 @@ StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParam
       modelPredictor(params.modelParams),
       onPredictions(hostParams.onPredictions),
       onInputPoints(hostParams.onInputPoints) {
+    callbackCoordinatesCapacity = static_cast<size_t>(std::max(params.modelParams.num_predictions, 1));
+    callbackCoordinates = std::make_unique<PredictedStylusCoordinate[]>(callbackCoordinatesCapacity);
     inferenceThread = std::thread(&StylusStrokePredictorImpl::runModelInference, this);
 
     if (params.enableDataWriting) {
@@ -175,25 +177,28 @@ void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
 
 void StylusStrokePredictorImpl::deliverPredictions(const StylusPointMessage& message,
                                                    const PredictedStylusTouchPointsCpp& result) {
-    // The arrays cross to the host and live only for the duration of its callbacks.
+    // The arrays cross to the host and are valid only for the duration of its callbacks; they are
+    // reused for the next batch.
     const size_t count = result.coordinates.size();
-    auto coordinates = std::make_unique<PredictedStylusCoordinate[]>(count);
-    std::copy(result.coordinates.begin(), result.coordinates.end(), coordinates.get());
+    if (count > callbackCoordinatesCapacity) {
+        callbackCoordinates = std::make_unique<PredictedStylusCoordinate[]>(count);
+        callbackCoordinatesCapacity = count;
+    }
+    std::copy(result.coordinates.begin(), result.coordinates.end(), callbackCoordinates.get());
     PredictedStylusTouchPoints flat{};
     flat.timestamp = result.timestamp;
-    flat.coordinates = coordinates.get();
+    flat.coordinates = callbackCoordinates.get();
     flat.numCoordinates = static_cast<int32_t>(count);
     flat.preprocessLatencyUs = result.preprocessLatencyUs;
     flat.modelLatencyUs = result.modelLatencyUs;
     onPredictions(&flat);
 
     if (onInputPoints != nullptr) {
-        auto points = std::make_unique<StylusTouchPoint[]>(message.points.size());
-        size_t index = 0;
+        callbackInputPoints.clear();
         for (const auto& entry : message.points) {
-            points[index++] = entry.second;
+            callbackInputPoints.push_back(entry.second);
         }
-        onInputPoints(points.get(), static_cast<int>(index));
+        onInputPoints(callbackInputPoints.data(), static_cast<int>(callbackInputPoints.size()));
     }
 }
 

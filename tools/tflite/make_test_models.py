@@ -21,6 +21,12 @@ outputs: output 0 [1, 10] (x, y displacement per predicted point) and output 1 [
   mlp_n10_p5.expected     its reference: little-endian float32 input (60 values), then the numpy
                           forward pass's output 0 (10 values) and output 1 (5 values).
   unsupported_op.tflite   a valid .tflite whose only operator is a custom op no runtime knows.
+  ops_n10_p5.tflite       n = 10, every operator the XNNPACK engine runs besides RELU_N1_TO_1:
+                          RESHAPE, FC with fused RELU6, RELU and NONE, MUL, ADD, SUB, DIV, MAXIMUM and
+                          MINIMUM against broadcast constants, LOGISTIC, a three-way CONCATENATION;
+  ops_n10_p5.expected     its numpy reference, laid out as mlp_n10_p5.expected.
+  relu_n1_n10_p5.tflite   n = 10, FC 16 with fused RELU_N1_TO_1 -> heads 10 and 5;
+  relu_n1_n10_p5.expected its numpy reference, likewise.
   rows_of_5_n12.tflite    input [1, 12, 5]: as many floats as ten rows of six, in rows of the wrong
                           width; outputs as const_n10_p5.
   one_head_n10.tflite     n = 10 with output 0 only.
@@ -32,7 +38,8 @@ import sys
 import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from tflite_writer import _CUSTOM, _Graph, write_mlp  # noqa: E402
+from tflite_writer import (_ACTIVATIONS, _CONCATENATION, _CUSTOM, _FULLY_CONNECTED, _LOGISTIC,  # noqa: E402
+                           BINARY_OPERATORS, _Graph, _flattened_input, write_mlp)
 
 FEATURES = 6
 OUTPUT0_BIAS = np.array([0.1 * (j + 1) for j in range(10)], dtype=np.float32)
@@ -77,6 +84,84 @@ def write_reference_mlp(outdir, n=10):
         f.write(reference.tobytes())
 
 
+def write_expected(path, x, outputs):
+    with open(path, "wb") as f:
+        f.write(np.concatenate([x] + outputs).astype("<f4").tobytes())
+
+
+def _fc(graph, name, source, weights, bias, activation):
+    w = graph.constant(f"{name}/weights", weights)
+    b = graph.constant(f"{name}/bias", bias)
+    out = graph.tensor(name, [1, weights.shape[0]])
+    graph.operator(_FULLY_CONNECTED, [source, w, b], [out], ("fc", _ACTIVATIONS[activation]))
+    return out
+
+
+def _binary(graph, kind, name, a, b, width):
+    """A binary operator whose constant operand may be broadcast (shape [width] or [1, width])."""
+    builtin, options_tag = BINARY_OPERATORS[kind]
+    out = graph.tensor(name, [1, width])
+    graph.operator(builtin, [a, b], [out], ("binary", options_tag, _ACTIVATIONS["none"]))
+    return out
+
+
+def _clamped(values, activation):
+    low, high = {"none": (-np.inf, np.inf), "relu": (0, np.inf), "relu6": (0, 6), "relu_n1_to_1": (-1, 1)}[activation]
+    return np.clip(values, low, high).astype(np.float32)
+
+
+def write_ops_model(outdir, n=10):
+    rng = np.random.default_rng(20261123)
+    width = n * FEATURES
+    w1, b1 = rng.normal(0, 1.5, (16, width)).astype(np.float32), rng.normal(0, 0.5, 16).astype(np.float32)
+    w2, b2 = rng.normal(0, 0.3, (8, width)).astype(np.float32), rng.normal(0, 0.1, 8).astype(np.float32)
+    c_mul = rng.uniform(-2, 2, 16).astype(np.float32)
+    c_add = rng.uniform(-1, 1, (1, 16)).astype(np.float32)
+    c_sub = rng.uniform(-1, 1, (1, 16)).astype(np.float32)
+    c_div = (rng.uniform(0.5, 2, 16) * rng.choice([-1, 1], 16)).astype(np.float32)
+    c_max = rng.uniform(-3, 0, 16).astype(np.float32)
+    c_min = rng.uniform(0, 3, 16).astype(np.float32)
+    w3, b3 = rng.normal(0, 0.3, (10, 40)).astype(np.float32), rng.normal(0, 0.1, 10).astype(np.float32)
+    w4, b4 = rng.normal(0, 0.3, (5, 40)).astype(np.float32), rng.normal(0, 0.1, 5).astype(np.float32)
+
+    graph = _Graph()
+    source, flat, _ = _flattened_input(graph, n, FEATURES)
+    h1 = _fc(graph, "wide", flat, w1, b1, "relu6")
+    h2 = _fc(graph, "narrow", flat, w2, b2, "relu")
+    t = _binary(graph, "mul", "scaled", h1, graph.constant("mul/c", c_mul), 16)
+    t = _binary(graph, "add", "shifted", t, graph.constant("add/c", c_add), 16)
+    t = _binary(graph, "sub", "flipped", graph.constant("sub/c", c_sub), t, 16)
+    t = _binary(graph, "div", "divided", t, graph.constant("div/c", c_div), 16)
+    t = _binary(graph, "maximum", "floored", t, graph.constant("max/c", c_max), 16)
+    t = _binary(graph, "minimum", "capped", t, graph.constant("min/c", c_min), 16)
+    g = graph.tensor("squashed", [1, 16])
+    graph.operator(_LOGISTIC, [t], [g])
+    cat = graph.tensor("joined", [1, 40])
+    graph.operator(_CONCATENATION, [g, h2, h1], [cat], ("concat", -1, _ACTIVATIONS["none"]))
+    out0 = _fc(graph, "output0", cat, w3, b3, "none")
+    out1 = _fc(graph, "output1", cat, w4, b4, "none")
+    graph.write(os.path.join(outdir, f"ops_n{n}_p5.tflite"), [source], [out0, out1])
+
+    x = rng.uniform(-1, 1, width).astype(np.float32)
+    a1 = _clamped(w1 @ x + b1, "relu6")
+    a2 = _clamped(w2 @ x + b2, "relu")
+    v = np.minimum(np.maximum((c_sub[0] - (a1 * c_mul + c_add[0])) / c_div, c_max), c_min).astype(np.float32)
+    joined = np.concatenate([1 / (1 + np.exp(-v)), a2, a1]).astype(np.float32)
+    write_expected(os.path.join(outdir, f"ops_n{n}_p5.expected"), x, [w3 @ joined + b3, w4 @ joined + b4])
+
+
+def write_relu_n1_model(outdir, n=10):
+    rng = np.random.default_rng(20261124)
+    width = n * FEATURES
+    w1, b1 = rng.normal(0, 0.3, (16, width)).astype(np.float32), rng.normal(0, 0.1, 16).astype(np.float32)
+    w2, b2 = rng.normal(0, 0.3, (10, 16)).astype(np.float32), rng.normal(0, 0.1, 10).astype(np.float32)
+    w3, b3 = rng.normal(0, 0.3, (5, 16)).astype(np.float32), rng.normal(0, 0.1, 5).astype(np.float32)
+    write_mlp(os.path.join(outdir, f"relu_n1_n{n}_p5.tflite"), n, [(w1, b1, "relu_n1_to_1")], [(w2, b2), (w3, b3)])
+    x = rng.uniform(-1, 1, width).astype(np.float32)
+    h = _clamped(w1 @ x + b1, "relu_n1_to_1")
+    write_expected(os.path.join(outdir, f"relu_n1_n{n}_p5.expected"), x, [w2 @ h + b2, w3 @ h + b3])
+
+
 def write_unsupported(path, n=10):
     graph = _Graph()
     source = graph.tensor("input", [1, n, FEATURES])
@@ -99,6 +184,8 @@ def main():
     write_mlp(os.path.join(outdir, "copy_n10_p5.tflite"), 10, [], copy_heads(10))
     write_reference_mlp(outdir)
     write_unsupported(os.path.join(outdir, "unsupported_op.tflite"))
+    write_ops_model(outdir)
+    write_relu_n1_model(outdir)
     write_mlp(os.path.join(outdir, "rows_of_5_n12.tflite"), 12, [], constant_heads(10), input_features=5)
     write_mlp(os.path.join(outdir, "one_head_n10.tflite"), 10, [], constant_heads(10)[:1])
 
