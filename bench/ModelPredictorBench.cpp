@@ -2,7 +2,6 @@
 // model run and the predictor's own work (features, history, decoding, metrics).
 #include <benchmark/benchmark.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -11,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "GeneratedModel.h"
 #include "ModelPredictor.h"
+#include "TempDir.h"
 #include "velmar/Log.h"
 
 using styluspipeline::ModelPredictor;
@@ -22,7 +23,7 @@ using Batch = std::map<unsigned long, StylusTouchPoint>;
 namespace {
 
 // Every operator the fast engine runs, so the call measured is the one of a model XNNPACK takes.
-constexpr const char* kModel = TEST_MODELS_DIR "/ops_n10_p5.tflite";
+const std::string kModel = testkit::generatedModel("ops_n10_p5.tflite");
 constexpr int kBatchSize = 4;
 constexpr size_t kBatchCount = 1024;
 
@@ -68,27 +69,8 @@ std::vector<Batch> makeBatches() {
     return batches;
 }
 
-// Metrics file in a private temporary directory, removed at the end.
-class MetricsFile {
-public:
-    MetricsFile() {
-        char pattern[] = "/tmp/stylus-bench-XXXXXX";
-        if (mkdtemp(pattern) != nullptr) {
-            dir = pattern;
-        }
-    }
-    ~MetricsFile() {
-        std::remove(path().c_str());
-        rmdir(dir.c_str());
-    }
-    std::string path() const { return dir + "/runningMetrics.txt"; }
-
-private:
-    std::string dir = "/tmp";
-};
-
 struct Setup {
-    Setup() : batches(makeBatches()), predictor(benchParams(), metrics.path()), runner(kModel) {
+    Setup() : batches(makeBatches()), predictor(benchParams(), metricsDir.file("runningMetrics.txt")), runner(kModel) {
         velmar::Log::init();
         velmar::Log::m_GlobalPriority.store(velmar::Info);
         // Two batches fill the history; from then on every call predicts.
@@ -123,7 +105,7 @@ struct Setup {
         runner.GetOutputTensorData(1, type, output1.data(), output1.size() * sizeof(float));
     }
 
-    MetricsFile metrics;
+    testkit::TempDir metricsDir;
     std::vector<Batch> batches;
     ModelPredictor predictor;
     talcflow::TALCModelRunner runner;

@@ -27,8 +27,8 @@
 #include <vector>
 
 #include "StylusStrokePredictor.h"
-#include "BenchTempDir.h"
-#include "GeneratedModelKeys.h"
+#include "GeneratedModel.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -48,15 +48,15 @@ int64_t nowNs() {
 
 // Writes a configuration beside a copy of the model: the given model keys, and pipeline keys that keep
 // every batch (Block) and record nothing.
-std::string writeConfig(const BenchTempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys) {
-    fs::copy_file(model, dir.path / model.filename(), fs::copy_options::overwrite_existing);
+std::string writeConfig(const testkit::TempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys) {
+    fs::copy_file(model, fs::path(dir.path()) / model.filename(), fs::copy_options::overwrite_existing);
     boost::property_tree::ptree tree;
     modelKeys.put("model_name", model.filename().string());
     tree.put_child("PredictionModel", modelKeys);
     tree.put("Pipeline.logLevel", "INFO");
     tree.put("Pipeline.QueueFullPolicy", "Block");
     tree.put("Pipeline.enableDataWriting", false);
-    const std::string config = (dir.path / "predictor.json").string();
+    const std::string config = dir.file("predictor.json");
     boost::property_tree::write_json(config, tree);
     return config;
 }
@@ -110,10 +110,10 @@ double percentile(const std::vector<double>& sorted, double p) {
 }
 
 void runLatency(benchmark::State& state, const std::string& modelKind, bool paced) {
-    BenchTempDir dir;
+    testkit::TempDir dir;
     std::string config;
     if (modelKind == "minimal") {
-        config = writeConfig(dir, fs::path(TEST_MODELS_DIR) / "const_n10_p5.tflite", generatedModelKeys());
+        config = writeConfig(dir, testkit::generatedModel("const_n10_p5.tflite"), testkit::generatedModelKeys());
     } else {
         boost::property_tree::ptree shipped;
         boost::property_tree::read_json(g_shippedConfig, shipped);

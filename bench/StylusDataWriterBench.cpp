@@ -13,7 +13,7 @@
 
 #include "StylusDataWriter.h"
 #include "velmar/Log.h"
-#include "BenchTempDir.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -43,13 +43,13 @@ void BM_RecorderRowsPerSecond(benchmark::State& state) {
     int64_t retries = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        BenchTempDir dir;
+        testkit::TempDir dir;
         StylusDataWriterParams params;
-        params.dataFileDirectory = dir.path.string();
+        params.dataFileDirectory = dir.path();
         params.chunkSizeInRecords = 100;
         params.numChunksInFile = 1 << 30;  // one file
         params.diskFillPercentTh = 100;
-        params.diskCheckPath = dir.path.string();
+        params.diskCheckPath = dir.path();
         StylusTouchPoint sample{};
         sample.x_pos = 1234.5678f;
         sample.y_pos = 987.654f;
@@ -69,7 +69,7 @@ void BM_RecorderRowsPerSecond(benchmark::State& state) {
             }
         }  // the destructor drains the queue and finishes the file
         state.PauseTiming();
-        const int64_t written = recordedRows(dir.path.string());
+        const int64_t written = recordedRows(dir.path());
         if (written != rows) {
             state.SkipWithError("rows recorded differ from rows accepted");
         }

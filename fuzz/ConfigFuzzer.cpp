@@ -20,12 +20,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string path = fuzzsupport::ScratchDir::path() + "/predictor" STYLUS_CONFIG_EXTENSION;
+    const std::string path = fuzzsupport::scratchDir() + "/predictor" STYLUS_CONFIG_EXTENSION;
     fuzzsupport::writeFile(path, data, size);
     try {
         const styluspipeline::PredictorParams params(path);
         // The model always lies beside the configuration file.
-        if (params.modelParams.model_path.rfind(fuzzsupport::ScratchDir::path() + "/", 0) != 0) {
+        if (params.modelParams.model_path.rfind(fuzzsupport::scratchDir() + "/", 0) != 0) {
             __builtin_trap();
         }
     } catch (const boost::property_tree::ptree_error&) {

@@ -2,15 +2,11 @@
 // silenced logger (a fuzz run executes millions of statements; formatting them would dominate).
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 
+#include "TempDir.h"
 #include "velmar/Log.h"
 
 namespace fuzzsupport {
@@ -21,27 +17,10 @@ inline void silenceLog() {
 }
 
 // Created on first use, removed when the process exits normally (a crashing run leaves it behind).
-class ScratchDir {
-public:
-    static const std::string& path() {
-        static ScratchDir dir;
-        return dir.dirPath;
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(dirPath, ignored);
-    }
-
-private:
-    ScratchDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "stylus-fuzz-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot create " + pattern);
-        }
-        dirPath = pattern;
-    }
-    std::string dirPath;
-};
+inline const std::string& scratchDir() {
+    static const testkit::TempDir dir;
+    return dir.path();
+}
 
 inline void writeFile(const std::string& path, const uint8_t* data, size_t size) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

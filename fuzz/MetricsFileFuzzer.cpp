@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string path = fuzzsupport::ScratchDir::path() + "/runningMetrics.txt";
+    const std::string path = fuzzsupport::scratchDir() + "/runningMetrics.txt";
     fuzzsupport::writeFile(path, data, size);
 
     unsigned int savedCount = 0;

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "GeneratedModel.h"
 #include "StylusStrokePredictor.h"
 
 namespace {
@@ -240,9 +241,9 @@ const char* const kModels[] = {"copy_n10_p5.tflite", "mlp_n10_p5.tflite"};
 StylusLibHandle* g_pipelines[2] = {};
 
 StylusLibHandle* startPipeline(const std::string& model) {
-    const fs::path dir = fs::path(fuzzsupport::ScratchDir::path()) / fs::path(model).stem();
+    const fs::path dir = fs::path(fuzzsupport::scratchDir()) / fs::path(model).stem();
     fs::create_directories(dir / "rec");
-    fs::copy_file(fs::path(TEST_MODELS_DIR) / model, dir / model);
+    fs::copy_file(testkit::generatedModel(model), dir / model);
     const std::string config = (dir / "predictor.json").string();
     const std::string text =
         R"({"Pipeline": {"logLevel": "INFO", "QueueFullPolicy": "Block", "enableDataWriting": true,
@@ -268,7 +269,7 @@ StylusLibHandle* startPipeline(const std::string& model) {
 void removeFinishedRecordings() {
     std::error_code ignored;
     for (const char* model : kModels) {
-        const fs::path rec = fs::path(fuzzsupport::ScratchDir::path()) / fs::path(model).stem() / "rec";
+        const fs::path rec = fs::path(fuzzsupport::scratchDir()) / fs::path(model).stem() / "rec";
         for (const auto& entry : fs::directory_iterator(rec, ignored)) {
             if (entry.path().extension() == ".dat") {
                 fs::remove(entry.path(), ignored);

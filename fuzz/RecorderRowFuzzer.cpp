@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string path = fuzzsupport::ScratchDir::path() + "/rows.dat";
+    const std::string path = fuzzsupport::scratchDir() + "/rows.dat";
     std::string expected;
     {
         std::ofstream out(path, std::ios::out | std::ios::trunc);

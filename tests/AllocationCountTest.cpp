@@ -1,7 +1,11 @@
 // Counts calls of the global allocation functions on the inference thread while the pipeline predicts
 // batch after batch with a full history: there must be none. This binary replaces malloc and
 // operator new (or, under a sanitizer, hooks the sanitizer's allocator), so it holds no other test.
+// The JSON writer includes the old Boost.Bind header; this keeps its deprecation note out of the build.
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include <gtest/gtest.h>
+
+#include <boost/property_tree/json_parser.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -156,15 +160,16 @@ TEST(AllocationCountTest, InferenceThreadAllocatesNothingPerBatchOnceTheHistoryI
     g_armed = false;
 
     testsupport::TempDir dir;
-    testsupport::writeFile(dir.file("m.tflite"), testsupport::readFile(std::string(TEST_MODELS_DIR) + "/ops_n10_p5.tflite"));
-    std::string keys = "\"model_name\": \"m.tflite\", \"inference_engine\": \"xnnpack\", \"num_historical_points\": 10, "
-                       "\"min_num_historical_points\": 10, \"save_metrics_interval\": 1000000";
-    for (const char* feature : {"timestamp", "xpos", "ypos", "pressure", "tilt", "orientation"}) {
-        keys += std::string(", \"feature_") + feature + "_min\": -10, \"feature_" + feature + "_max\": 10";
-    }
-    testsupport::writeFile(dir.file("predictor.json"),
-                           "{\"Pipeline\": {\"QueueFullPolicy\": \"Block\"}, \"PredictionModel\": {" + keys + "}}");
+    testsupport::writeFile(dir.file("m.tflite"), testsupport::readFile(testkit::generatedModel("ops_n10_p5.tflite")));
+    boost::property_tree::ptree keys = testkit::generatedModelKeys();
+    keys.put("model_name", "m.tflite");
+    keys.put("inference_engine", "xnnpack");
+    keys.put("save_metrics_interval", 1000000);
+    boost::property_tree::ptree tree;
+    tree.put("Pipeline.QueueFullPolicy", "Block");
+    tree.put_child("PredictionModel", keys);
     const std::string config = dir.file("predictor.json");
+    boost::property_tree::write_json(config, tree);
     StylusPredictionParams params{config.c_str(), &onPredictions, &onInputPoints};
     StylusLibHandle* handle = InitStylusLib(&params);
     // Every 120th prediction logs two summary lines at info, whose text is built on the heap; they

@@ -24,7 +24,7 @@ namespace {
 // compared bit for bit with a double-precision computation.
 ModelPredictorParams makeParams(const std::string& model, uint32_t historyLength, uint32_t minPoints) {
     ModelPredictorParams p;
-    p.model_path = std::string(TEST_MODELS_DIR) + "/" + model;
+    p.model_path = testkit::generatedModel(model);
     p.num_historcal_points = historyLength;
     p.min_num_historical_points = minPoints;
     p.pixel_per_inch = 128;

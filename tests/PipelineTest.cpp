@@ -91,7 +91,7 @@ void onInputPoints(const StylusTouchPoint* points, int numPoints) {
 // divides by zero; the constant model ignores its input anyway.
 std::string writeConfig(const TempDir& dir, const std::string& pipelineExtra, const std::string& modelExtra = "",
                         const std::string& model = "const_n10_p5.tflite") {
-    fs::copy_file(std::string(TEST_MODELS_DIR) + "/" + model, dir.file(model), fs::copy_options::overwrite_existing);
+    fs::copy_file(testkit::generatedModel(model), dir.file(model), fs::copy_options::overwrite_existing);
     const std::string config = dir.file("predictor.json");
     testsupport::writeFile(config, R"({"Pipeline": {"logLevel": "INFO")" + pipelineExtra +
                                        R"(}, "PredictionModel": {"model_name": ")" + model +

@@ -26,7 +26,7 @@ const TALCTensorType kFloat = TALCTensorType::Float32;
 constexpr int kOk = TALCModelRunner::kSuccess;
 constexpr int kFail = TALCModelRunner::kFailure;
 
-std::string model(const std::string& name) { return std::string(TEST_MODELS_DIR) + "/" + name + ".tflite"; }
+std::string model(const std::string& name) { return testkit::generatedModel(name + ".tflite"); }
 
 std::vector<float> outputOf(TALCModelRunner& runner, int index, size_t count) {
     std::vector<float> out(count, -123.0f);
@@ -89,7 +89,7 @@ void expectSameOutputs(const std::vector<float>& actual, const std::vector<float
 // Model input (first values) and the numpy forward pass's outputs (the rest), as the model generator
 // writes them.
 std::pair<std::vector<float>, std::vector<float>> reference(const std::string& name, size_t inputs) {
-    const std::string bytes = testsupport::readFile(std::string(TEST_MODELS_DIR) + "/" + name + ".expected");
+    const std::string bytes = testsupport::readFile(testkit::generatedModel(name + ".expected"));
     std::vector<float> all(bytes.size() / sizeof(float));
     std::memcpy(all.data(), bytes.data(), all.size() * sizeof(float));
     if (all.size() < inputs) return {};
@@ -156,7 +156,7 @@ TEST(TALCModelRunnerTest, GeneratedModelsGiveTheirExactOutputs) {
     EXPECT_TRUE(std::isnan(logits[1]));
 
     // Hidden layers against the forward pass of the script that wrote the model.
-    const std::string expected = testsupport::readFile(std::string(TEST_MODELS_DIR) + "/mlp_n10_p5.expected");
+    const std::string expected = testsupport::readFile(testkit::generatedModel("mlp_n10_p5.expected"));
     ASSERT_EQ(expected.size(), (60 + 10 + 5) * sizeof(float));
     std::vector<float> reference(75);
     std::memcpy(reference.data(), expected.data(), expected.size());

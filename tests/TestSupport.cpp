@@ -10,20 +10,6 @@
 
 namespace testsupport {
 
-TempDir::TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/stylus-test-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a temporary directory from " + pattern);
-    }
-    dirPath = pattern;
-}
-
-TempDir::~TempDir() {
-    boost::system::error_code ignored;
-    boost::filesystem::remove_all(dirPath, ignored);
-}
-
 LogCapture::LogCapture(int32_t globalPriority) : savedPriority(velmar::Log::m_GlobalPriority.load()) {
     velmar::Log::init();
     velmar::Log::m_LoggingEnabled.store(true);

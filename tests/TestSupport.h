@@ -1,4 +1,4 @@
-// Shared test fixtures: a temporary directory removed on destruction, and a capture of the lines the
+// Shared test fixtures: the test kit's temporary directory and generated models, and a capture of the lines the
 // library reports through the logger.
 #pragma once
 
@@ -6,23 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "GeneratedModel.h"
+#include "TempDir.h"
 #include "velmar/Log.h"
 
 namespace testsupport {
 
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return dirPath; }
-    std::string file(const std::string& name) const { return dirPath + "/" + name; }
-
-private:
-    std::string dirPath;
-};
+using testkit::TempDir;
 
 struct CapturedLine {
     velmar::LogPriority priority;

@@ -19,6 +19,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -32,8 +33,9 @@
 #include "StylusLibHandle.h"
 #include "StylusStrokePredictor.h"
 #include "velmar/Log.h"
-#include "GeneratedModelKeys.h"
+#include "GeneratedModel.h"
 #include "JsonText.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -115,7 +117,7 @@ boost::property_tree::ptree configTree(const soak::SoakOptions& options, const f
         modelKeys = source.get_child("PredictionModel");
         model = fs::path(options.config).parent_path() / modelKeys.get<std::string>("model_name");
     } else {
-        modelKeys = generatedModelKeys();
+        modelKeys = testkit::generatedModelKeys();
         model = options.model;
     }
     fs::copy_file(model, dir / model.filename(), fs::copy_options::overwrite_existing);
@@ -173,13 +175,9 @@ private:
 
 int run(const soak::SoakOptions& options) {
     fs::path dir = options.workDir;
-    const bool ownDir = dir.empty();
-    if (ownDir) {
-        std::string pattern = (fs::temp_directory_path() / "stylus-soak-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot create " + pattern);
-        }
-        dir = pattern;
+    std::optional<testkit::TempDir> ownDir;
+    if (dir.empty()) {
+        dir = ownDir.emplace().path();
     }
     const fs::path recordings = dir / "rec";
     fs::create_directories(recordings);
@@ -364,10 +362,6 @@ int run(const soak::SoakOptions& options) {
     report.print(std::cout);
     if (!options.jsonOut.empty()) {
         report.writeJson(options.jsonOut);
-    }
-    if (ownDir) {
-        std::error_code ignored;
-        fs::remove_all(dir, ignored);
     }
     return pass ? 0 : 1;
 }

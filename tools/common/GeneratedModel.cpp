@@ -1,13 +1,12 @@
-// PredictionModel keys that suit the generated models of tools/tflite: a history of ten rows and
-// feature ranges wide enough that no feature divides by zero.
-#pragma once
-
-#include <boost/property_tree/ptree.hpp>
-#include <string>
+#include "GeneratedModel.h"
 
 #include "StylusModelInputFeatures.h"
 
-inline boost::property_tree::ptree generatedModelKeys() {
+namespace testkit {
+
+std::string generatedModel(const std::string& name) { return std::string(TEST_MODELS_DIR) + "/" + name; }
+
+boost::property_tree::ptree generatedModelKeys() {
     boost::property_tree::ptree keys;
     keys.put("num_historical_points", 10);
     keys.put("min_num_historical_points", 10);
@@ -17,3 +16,5 @@ inline boost::property_tree::ptree generatedModelKeys() {
     }
     return keys;
 }
+
+}  // namespace testkit
