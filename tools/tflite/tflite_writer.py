@@ -10,16 +10,41 @@ import flatbuffers
 import numpy as np
 
 # Builtin operator codes and option-union tags of the TFLite schema.
+_ADD = 0
+_CONCATENATION = 2
 _FULLY_CONNECTED = 9
+_LOGISTIC = 14
+_MUL = 18
 _RESHAPE = 22
 _CUSTOM = 32
+_SUB = 41
+_DIV = 42
+_MAXIMUM = 55
+_MINIMUM = 57
 _FC_OPTIONS = 8
+_CONCATENATION_OPTIONS = 10
+_ADD_OPTIONS = 11
 _RESHAPE_OPTIONS = 17
+_MUL_OPTIONS = 21
+_SUB_OPTIONS = 28
+_DIV_OPTIONS = 29
+_MAXIMUM_MINIMUM_OPTIONS = 39
+
+# Element-wise binary operators: builtin code and the option table that carries the fused
+# activation (MAXIMUM and MINIMUM have an empty option table).
+BINARY_OPERATORS = {
+    "add": (_ADD, _ADD_OPTIONS),
+    "sub": (_SUB, _SUB_OPTIONS),
+    "mul": (_MUL, _MUL_OPTIONS),
+    "div": (_DIV, _DIV_OPTIONS),
+    "maximum": (_MAXIMUM, _MAXIMUM_MINIMUM_OPTIONS),
+    "minimum": (_MINIMUM, _MAXIMUM_MINIMUM_OPTIONS),
+}
 
 _FLOAT32 = 0
 _INT32 = 2
 
-_ACTIVATIONS = {"none": 0, "relu": 1, "tanh": 4}
+_ACTIVATIONS = {"none": 0, "relu": 1, "relu_n1_to_1": 2, "relu6": 3, "tanh": 4}
 
 
 class _Graph:
@@ -44,7 +69,8 @@ class _Graph:
         return self.tensor(name, array.shape, _FLOAT32, array.tobytes())
 
     def operator(self, builtin, inputs, outputs, options=None, custom_code=None):
-        """options: None, ("fc", activation code) or ("reshape", new shape)."""
+        """options: None, ("fc", activation code), ("reshape", new shape), ("binary", option
+        tag, activation code) or ("concat", axis, activation code)."""
         key = (builtin, custom_code)
         if key not in self.opcodes:
             self.opcodes.append(key)
@@ -109,6 +135,18 @@ class _Graph:
                 b.StartObject(1)
                 b.PrependUOffsetTRelativeSlot(0, shape_off, 0)
                 options_type, options_off = _RESHAPE_OPTIONS, b.EndObject()
+            elif options is not None and options[0] == "binary":
+                if options[1] == _MAXIMUM_MINIMUM_OPTIONS:
+                    b.StartObject(0)
+                else:
+                    b.StartObject(1)
+                    b.PrependInt8Slot(0, options[2], 0)
+                options_type, options_off = options[1], b.EndObject()
+            elif options is not None and options[0] == "concat":
+                b.StartObject(2)
+                b.PrependInt32Slot(0, options[1], 0)
+                b.PrependInt8Slot(1, options[2], 0)
+                options_type, options_off = _CONCATENATION_OPTIONS, b.EndObject()
             b.StartObject(5)
             b.PrependUint32Slot(0, opcode_index, 0)
             b.PrependUOffsetTRelativeSlot(1, in_off, 0)
@@ -215,3 +253,56 @@ def write_mlp(path, n_hist, hidden, heads, input_features=6):
         out, _ = _fully_connected(graph, f"output{k}", current, width, weights, bias, "none")
         outputs.append(out)
     graph.write(path, [source], outputs)
+
+
+class GraphBuilder:
+    """A float32 graph of the fast engine's operators, built node by node.
+
+    Every tensor is [1, width] except the input [1, n_hist, input_features]. Binary operators take
+    two tensors of the same shape (constants are stored at full shape, never broadcast), which
+    every runtime runs without a broadcasting path.
+    """
+
+    def __init__(self, n_hist, input_features=6):
+        self.graph = _Graph()
+        self.source, self.flat, self.flat_width = _flattened_input(self.graph, n_hist, input_features)
+        self.widths = {self.flat: self.flat_width}
+        self.outputs = []
+
+    def fully_connected(self, name, source, weights, bias, activation="none"):
+        out, width = _fully_connected(self.graph, name, source, self.widths[source], weights, bias, activation)
+        self.widths[out] = width
+        return out
+
+    def constant(self, name, values):
+        values = np.asarray(values, dtype=np.float32).reshape(1, -1)
+        c = self.graph.constant(name, values)
+        self.widths[c] = values.shape[1]
+        return c
+
+    def binary(self, kind, name, a, b, activation="none"):
+        if kind not in BINARY_OPERATORS:
+            raise ValueError(f"{name}: unknown binary operator {kind!r}")
+        if self.widths[a] != self.widths[b]:
+            raise ValueError(f"{name}: operands of width {self.widths[a]} and {self.widths[b]}")
+        builtin, option_tag = BINARY_OPERATORS[kind]
+        out = self.graph.tensor(name, [1, self.widths[a]])
+        self.graph.operator(builtin, [a, b], [out], ("binary", option_tag, _ACTIVATIONS[activation]))
+        self.widths[out] = self.widths[a]
+        return out
+
+    def concatenation(self, name, sources, activation="none"):
+        width = sum(self.widths[s] for s in sources)
+        out = self.graph.tensor(name, [1, width])
+        self.graph.operator(_CONCATENATION, list(sources), [out], ("concat", 1, _ACTIVATIONS[activation]))
+        self.widths[out] = width
+        return out
+
+    def logistic(self, name, source):
+        out = self.graph.tensor(name, [1, self.widths[source]])
+        self.graph.operator(_LOGISTIC, [source], [out])
+        self.widths[out] = self.widths[source]
+        return out
+
+    def write(self, path, outputs):
+        self.graph.write(path, [self.source], list(outputs))
