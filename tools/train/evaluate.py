@@ -151,8 +151,9 @@ def grid_table(cells, hz, rows, label):
     return "\n".join(lines)
 
 
-def report(predict, cfg, files, rates, batches, title, per_file_batch=4):
-    """Markdown: pooled per-horizon table, per rate and batch size, per recording."""
+def report(predict, cfg, files, rates, batches, title, per_file_batch=4, summary=None):
+    """Markdown: pooled per-horizon table, per rate and batch size, per recording. `summary`, a
+    dict, receives the worst ratio, the losing cells, the pooled last-horizon mean and the drops."""
     p = cfg.num_predictions
     hz = [cfg.prediction_time_delta_ms * (k + 1) for k in range(p)]
     sets = datasets(cfg, files, rates)
@@ -169,6 +170,11 @@ def report(predict, cfg, files, rates, batches, title, per_file_batch=4):
             grid_table(cells, hz, per_file, "recording"), ""]
     worst = max((max(ratios(c, p)) for c in cells.values() if ratios(c, p)), default=float("nan"))
     losing = sum(1 for c in cells.values() for r in ratios(c, p) if r >= 1.0)
+    if summary is not None:
+        everything = pooled(cells, keys)
+        summary.update(worst=worst, losing=losing, last_mean=everything.stats(p - 1)["model"][1],
+                       drops=everything.dropped_in / max(everything.in_stroke, 1),
+                       caught=everything.caught / max(everything.past_end, 1))
     out.append("Worst model / better-baseline ratio over all %d recording, rate, batch and horizon cells: "
                "%.3f (%d cells at or above 1)." % (sum(len(ratios(c, p)) for c in cells.values()), worst, losing))
     return "\n".join(out)

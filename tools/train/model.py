@@ -32,7 +32,8 @@ class ResidualPredictor(nn.Module):
     baseline, so an output of zero means "do what least-squares velocity does".
     """
 
-    def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True):
+    def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
+                 end_hidden=32):
         super().__init__()
         n = self.n = n_hist
         self.p = num_predictions
@@ -101,9 +102,16 @@ class ResidualPredictor(nn.Module):
             width = h
         self.layers = nn.ModuleList(layers)
         self.corr = nn.Linear(width, 2 * self.p)
-        self.end = nn.Linear(width, self.p)
         nn.init.zeros_(self.corr.weight)
         nn.init.zeros_(self.corr.bias)
+        # A linear path from the inputs lets the correction express other velocity estimates
+        # (the last step's, a longer least-squares fit) exactly, which ReLU layers only approximate.
+        self.skip = nn.Linear(self.mlp_in, 2 * self.p, bias=False) if linear_skip else None
+        if self.skip is not None:
+            nn.init.zeros_(self.skip.weight)
+        # The stroke-end head has its own hidden layer on the first shared one.
+        self.end_hidden = nn.Linear(hidden[0], end_hidden) if end_hidden else None
+        self.end = nn.Linear(end_hidden if end_hidden else width, self.p)
 
     def _c(self, name, x):
         return x @ getattr(self, "c_%s_w" % name).T + getattr(self, "c_%s_b" % name)
@@ -121,10 +129,17 @@ class ResidualPredictor(nn.Module):
         return z, self._c("base", v_ls), self._c("speed_h", absv)
 
     def head(self, z, base, speed_h):
-        h = (z - self.in_shift) * self.in_scale * self.in_mask
+        zs = (z - self.in_shift) * self.in_scale * self.in_mask
+        h = zs
+        first = None
         for lin in self.layers:
             h = torch.relu(lin(h))
-        return base + self.corr(h) * speed_h, self.end(h)
+            first = h if first is None else first
+        corr = self.corr(h)
+        if self.skip is not None:
+            corr = corr + self.skip(zs)
+        e = self.end(torch.relu(self.end_hidden(first))) if self.end_hidden is not None else self.end(h)
+        return base + corr * speed_h, e
 
     def forward(self, x):
         return self.head(*self.features(x))
@@ -167,17 +182,28 @@ class ResidualPredictor(nn.Module):
             g.flat])
         scale = (self.in_scale * self.in_mask).double().numpy()
         shift = self.in_shift.double().numpy()
+        def folded(w, b):  # standardisation folded into a layer that reads z
+            return w * scale[None, :], b - w @ (shift * scale)
+
         h = z
+        first = None
         for i, lin in enumerate(self.layers):
             w = lin.weight.detach().double().numpy()
             b = lin.bias.detach().double().numpy()
             if i == 0:
-                b = b - w @ (shift * scale)
-                w = w * scale[None, :]
+                w, b = folded(w, b)
             h = g.fully_connected("hidden%d" % i, h, w, b, "relu")
+            first = h if first is None else first
         corr = g.fully_connected("correction", h, self.corr.weight.detach().numpy(), self.corr.bias.detach().numpy())
+        if self.skip is not None:
+            w, b = folded(self.skip.weight.detach().double().numpy(), np.zeros(2 * self.p))
+            corr = g.binary("add", "correction_total", corr, g.fully_connected("correction_linear", z, w, b))
+        end_src = h
+        if self.end_hidden is not None:
+            end_src = g.fully_connected("end_hidden", first, self.end_hidden.weight.detach().numpy(),
+                                        self.end_hidden.bias.detach().numpy(), "relu")
         out0 = g.binary("add", "output0", fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
-        out1 = g.fully_connected("output1", h, self.end.weight.detach().numpy(), self.end.bias.detach().numpy())
+        out1 = g.fully_connected("output1", end_src, self.end.weight.detach().numpy(), self.end.bias.detach().numpy())
         g.write(path, [out0, out1])
         return sorted({"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"})
 
