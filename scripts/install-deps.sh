@@ -5,10 +5,12 @@ set -euo pipefail
 
 packages=(
   cmake g++ make pkg-config
+  dpkg-dev file binutils
   libgtest-dev libgmock-dev libbenchmark-dev
   libboost-dev libboost-filesystem-dev libboost-system-dev
   libarmnn-dev libarmnntfliteparser-dev libarmnn-cpuref-backend22
   python3 python3-numpy python3-flatbuffers
+  python3-jsonschema chromium
   "$@"
 )
 

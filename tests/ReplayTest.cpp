@@ -15,6 +15,7 @@
 #include "ErrorStats.h"
 #include "HandwritingGenerator.h"
 #include "JsonSummary.h"
+#include "PredictionCsv.h"
 #include "PredictionEvaluator.h"
 #include "RecordingReader.h"
 #include "RecordingWriter.h"
@@ -139,10 +140,10 @@ TEST(PredictionEvaluatorTest, MeasuresAgainstTheStrokeAndMatchesCallbacksToAccep
         record.receivedAt = start + std::chrono::microseconds(250);
         return record;
     };
-    PredictionEvaluator evaluator(0.5);
+    PredictionEvaluator evaluator(0.5, 4, 4);  // due at 32, 36, 40 and 44: the one at 40 was dropped
     const auto results = evaluator.evaluate(
         recording, batching, sends, {callback(28, {{32, 64 + 3, 102.4f + 4}, {36, 72, 130}, {44, 88, 190}}, 80)});
-    ASSERT_EQ(results.size(), 3u);
+    ASSERT_EQ(results.size(), 4u);
     EXPECT_EQ(results[0].batch, 1u);
     EXPECT_EQ(results[0].horizonMs, 4);
     EXPECT_NEAR(results[0].errorMm, 2.5, 1e-4);  // (3, 4) px
@@ -152,7 +153,8 @@ TEST(PredictionEvaluatorTest, MeasuresAgainstTheStrokeAndMatchesCallbacksToAccep
     EXPECT_NEAR(results[0].baselineErrorMm, 1.6, 1e-4);
     EXPECT_NEAR(results[1].truthY, 129.6, 1e-4);
     EXPECT_NEAR(results[1].errorMm, 0.2, 1e-4);
-    EXPECT_EQ(results[2].where, TruthPoint::Where::PastEnd);
+    EXPECT_TRUE(results[2].dropped);
+    EXPECT_EQ(results[3].where, TruthPoint::Where::PastEnd);
     const ReplayTotals& totals = evaluator.totals();
     EXPECT_EQ(std::make_tuple(totals.counts.batches, totals.counts.strokes, totals.counts.predictedBatches,
                               totals.counts.predictions, totals.counts.measuredPredictions, totals.counts.pastStrokeEnd),
@@ -165,7 +167,7 @@ TEST(PredictionEvaluatorTest, MeasuresAgainstTheStrokeAndMatchesCallbacksToAccep
 
     // A callback for a refused batch, a repeated one and an unknown one belong to no batch.
     sends[0].accepted = false;
-    PredictionEvaluator second(0.5);
+    PredictionEvaluator second(0.5, 4, 1);
     const auto matched = second.evaluate(recording, batching, sends,
                                          {callback(12, {{16, 32, 0}}), callback(28, {{32, 64, 0}}),
                                           callback(28, {{32, 64, 0}}), callback(999, {})});
@@ -175,6 +177,155 @@ TEST(PredictionEvaluatorTest, MeasuresAgainstTheStrokeAndMatchesCallbacksToAccep
     EXPECT_EQ(std::make_tuple(counts.refusedBatches, counts.predictedBatches, counts.unmatchedCallbacks),
               std::make_tuple(1u, 1u, 3u));
     EXPECT_THROW(second.evaluate(recording, batching, {}, {}), std::invalid_argument);
+}
+
+namespace {
+
+// Replays one callback whose base is the sample at `base` and which delivers every due point exactly
+// where the pen went (or (0, 0) past the stroke's end); the recording is one stroke, cut in batches of 1.
+std::vector<PointResult> oneCallback(const std::vector<StylusTouchPoint>& stroke, uint64_t base, int stepMs,
+                                     int count, double mmPerPixel = 1.0) {
+    Recording recording;
+    recording.samples = stroke;
+    const Batching batching = Batcher(1).cut(recording.samples);
+    const std::vector<SendRecord> sends(batching.batches.size(), SendRecord{true, {}});
+    CallbackRecord callback;
+    callback.timestamp = base;
+    return PredictionEvaluator(mmPerPixel, stepMs, count).evaluate(recording, batching, sends, {callback});
+}
+
+}  // namespace
+
+// Known answers of both baselines, least squares worked out by hand: slope = sum((t - mean t)(x - mean x))
+// / sum((t - mean t)^2) over the last three samples, added to the newest sample times the horizon.
+TEST(PredictionEvaluatorTest, BaselinesOnStrokesWithKnownAnswers) {
+    const struct {
+        const char* name;
+        std::vector<StylusTouchPoint> stroke;
+        uint64_t base;
+        int horizonMs;
+        bool hasCv;
+        double cvX, cvY, lsX, lsY, truthX;
+    } cases[] = {
+        // x = 3t, y = -2t: both exact, whatever the spacing.
+        {"constant velocity", {sample(0, 0, 0, D), sample(4, 12, -8), sample(8, 24, -16), sample(12, 36, -24),
+                               sample(16, 48, -32)}, 8, 8, true, 48, -32, 48, -32, 48},
+        {"uneven steps", {sample(0, 0, 0, D), sample(3, 9, -6), sample(10, 30, -20), sample(12, 36, -24),
+                          sample(17, 51, -34)}, 12, 5, true, 51, -34, 51, -34, 51},
+        // x = t^2 / 10 sampled at 0, 4, 8: CV slope 1.2, least-squares slope 25.6 / 32 = 0.8; truth 14.4 at 12.
+        {"constant acceleration", {sample(0, 0, 5, D), sample(4, 1.6f, 5), sample(8, 6.4f, 5), sample(12, 14.4f, 5)},
+         8, 4, true, 11.2, 5, 9.6, 5, 14.4},
+        // Of samples sharing a timestamp the last counts: x 0, 4, 8 at 0, 4, 8 (the 100 at t = 4 is replaced).
+        {"repeated timestamp", {sample(0, 0, 0, D), sample(4, 100, 0), sample(4, 4, 0), sample(8, 8, 0),
+                                sample(12, 12, 0)}, 8, 4, true, 12, 0, 12, 0, 12},
+        // Two samples: least squares is the constant velocity. One sample: no velocity, the pen stays.
+        {"two samples", {sample(0, 0, 0, D), sample(4, 2, 1), sample(8, 4, 2)}, 4, 4, true, 4, 2, 4, 2, 4},
+        {"one sample", {sample(0, 7, 9, D), sample(4, 8, 9)}, 0, 4, false, 0, 0, 7, 9, 8},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::vector<PointResult> results = oneCallback(c.stroke, c.base, c.horizonMs, 1, 0.5);
+        ASSERT_EQ(results.size(), 1u);
+        const PointResult& r = results[0];
+        ASSERT_EQ(r.where, TruthPoint::Where::Inside);
+        EXPECT_TRUE(r.dropped);  // the callback delivered nothing
+        EXPECT_NEAR(r.truthX, c.truthX, 1e-5);
+        EXPECT_EQ(r.hasBaseline, c.hasCv);
+        if (c.hasCv) {
+            EXPECT_NEAR(r.baselineX, c.cvX, 1e-5);
+            EXPECT_NEAR(r.baselineY, c.cvY, 1e-5);
+            EXPECT_NEAR(r.baselineErrorMm, 0.5 * std::hypot(c.cvX - r.truthX, c.cvY - r.truthY), 1e-5);
+        }
+        EXPECT_NEAR(r.lsX, c.lsX, 1e-5);
+        EXPECT_NEAR(r.lsY, c.lsY, 1e-5);
+        EXPECT_NEAR(r.lsErrorMm, 0.5 * std::hypot(c.lsX - r.truthX, c.lsY - r.truthY), 1e-5);
+    }
+}
+
+// A line x = t px (0.5 mm per pixel) sampled every 4 ms up to its pen-up at 40. Callbacks are due four
+// points each, 4 ms apart; the model's points lie (3, 4) px off the pen, 2.5 mm.
+TEST(PredictionEvaluatorTest, PointSetsDropsAndRecordingAveragesAreKeptApart) {
+    Recording line;
+    for (uint64_t t = 0; t <= 40; t += 4) {
+        line.samples.push_back(sample(t, static_cast<float>(t), 0, t == 0 ? D : (t == 40 ? U : M)));
+    }
+    line.path = "dir/line.csv";
+    const Batching batching = Batcher(4).cut(line.samples);  // newest samples at 12, 28, 40
+    const std::vector<SendRecord> sends(batching.batches.size(), SendRecord{true, {}});
+    const auto callback = [](uint64_t base, std::vector<uint64_t> delivered, float scale) {
+        CallbackRecord record;
+        record.timestamp = base;
+        for (const uint64_t t : delivered) {
+            record.coordinates.push_back({t, static_cast<float>(t) + 3 * scale, 4 * scale});
+        }
+        return record;
+    };
+    PredictionEvaluator evaluator(0.5, 4, 4);
+    // At 28: 36 and 40 dropped inside the stroke, 44 delivered past its end. At 40 (the pen-up): all
+    // four dropped past the end.
+    const auto results = evaluator.evaluate(
+        line, batching, sends,
+        {callback(12, {16, 20, 24, 28}, 1), callback(28, {32, 44}, 1), callback(40, {}, 1)});
+    ASSERT_EQ(results.size(), 12u);
+    EXPECT_EQ(std::make_tuple(results[5].timestamp, results[5].dropped, results[5].errorMm),
+              std::make_tuple(uint64_t{36}, true, 4.0));  // the pen shown at 28 while it is at 36: 8 px
+    EXPECT_EQ(std::make_tuple(results[6].timestamp, results[6].dropped, results[6].errorMm),
+              std::make_tuple(uint64_t{40}, true, 6.0));
+
+    // A second recording of the same line, one callback whose points lie (6, 8) px off: 5 mm.
+    Recording copy = line;
+    copy.path = "other.csv";
+    evaluator.evaluate(copy, batching, sends, {callback(12, {16, 20, 24, 28}, 2)});
+
+    const auto& counts = evaluator.totals().counts;
+    EXPECT_EQ(std::make_tuple(counts.predictions, counts.pastStrokeEnd, counts.droppedInside, counts.droppedPastEnd),
+              std::make_tuple(std::size_t{10}, std::size_t{1}, std::size_t{2}, std::size_t{4}));
+    ReplayConfig config;
+    config.numPredictions = 4;
+    const ReplaySummary summary = ReplaySummary::make(evaluator.totals(), config);
+    ASSERT_EQ(summary.recordings.size(), 2u);
+    ASSERT_EQ(summary.horizons.size(), 4u);
+    // horizon, set, count, recordings, model mean (mm), both baselines exact on a line
+    const struct {
+        std::size_t horizon;
+        bool charged;
+        const std::vector<HorizonSummary>* rows;
+        std::size_t count, recordings;
+        double modelMean;
+    } expected[] = {
+        {0, false, &summary.recordings[0].horizons, 2, 1, 2.5},    // 16 and 32
+        {1, false, &summary.recordings[0].horizons, 1, 1, 2.5},    // 36 dropped: not a common point
+        {1, true, &summary.recordings[0].horizons, 2, 1, 3.25},    // ... but charged 4 mm
+        {2, true, &summary.recordings[0].horizons, 2, 1, 4.25},    // 40 charged 6 mm
+        {3, true, &summary.recordings[0].horizons, 1, 1, 2.5},     // 44 past the end: in no set
+        {0, false, &summary.horizons, 3, 2, (2.5 + 2.5 + 5) / 3},  // pooled: each point weighs the same
+        {0, false, &summary.macroAverage, 3, 2, (2.5 + 5) / 2},    // macro: each recording weighs the same
+        {1, true, &summary.macroAverage, 3, 2, (3.25 + 5) / 2},
+    };
+    for (const auto& e : expected) {
+        SCOPED_TRACE(::testing::Message() << "horizon " << e.horizon << (e.charged ? " charged" : " common"));
+        const HorizonSummary& h = (*e.rows)[e.horizon];
+        const PointSetSummary& set = e.charged ? h.charged : h.common;
+        EXPECT_EQ(std::make_pair(set.count, set.recordings), std::make_pair(e.count, e.recordings));
+        EXPECT_NEAR(set.model.mean, e.modelMean, 1e-5);
+        EXPECT_NEAR(set.constantVelocity.p95, 0.0, 1e-5);
+        EXPECT_NEAR(set.leastSquares.p95, 0.0, 1e-5);
+    }
+    const HorizonSummary& last = summary.recordings[0].horizons[3];
+    EXPECT_EQ(std::make_tuple(last.predictions, last.pastStrokeEnd, last.droppedInside, last.droppedPastEnd),
+              std::make_tuple(std::size_t{2}, std::size_t{1}, std::size_t{0}, std::size_t{1}));
+
+    // Dropped points are no rows of the predictions file; the least-squares columns come last.
+    std::ostringstream csv;
+    PredictionCsv::writeHeader(csv);
+    PredictionCsv::write(csv, line.path, std::vector<PointResult>(results.begin() + 4, results.begin() + 8));
+    EXPECT_EQ(csv.str(),
+              std::string(PredictionCsv::header) + "\n"
+              "dir/line.csv,0,28,32,4,35.0000,4.0000,32.0000,0.0000,2.50000,32.0000,0.0000,0.00000,inside,"
+              "32.0000,0.0000,0.00000\n"
+              "dir/line.csv,0,28,44,16,47.0000,4.0000,,,,44.0000,0.0000,,past_end,44.0000,0.0000,\n");
+    EXPECT_EQ(std::string(PredictionCsv::header).substr(std::string(PredictionCsv::header).rfind(",where")),
+              ",where,ls_x,ls_y,ls_error_mm");
 }
 
 TEST(RecordingReaderTest, ReadsWhatTheRecorderWritesByteForByte) {
@@ -287,9 +438,14 @@ TEST(CommandLineTest, ParsesOptionsRejectsBadOnesAndExpandsDirectories) {
     EXPECT_TRUE(options.realtime);
     EXPECT_EQ(options.jsonPath, "s.json");
     EXPECT_EQ(options.inputs, (std::vector<std::string>{"a.csv", "b"}));
+    EXPECT_EQ(std::make_tuple(options.logPath, options.verbose), std::make_tuple(std::string(), false));
+    EXPECT_EQ(CommandLine::parse({"--log=run.log", "a.csv"}).logPath, "run.log");
+    EXPECT_TRUE(CommandLine::parse({"--verbose", "a.csv"}).verbose);
     const std::vector<std::vector<std::string>> bad = {
         {"a.csv", "--batch-size", "0"}, {"a.csv", "--batch-size", "4x"}, {"a.csv", "--json"}, {"--frobnicate", "a.csv"},
-        {"--realtime=1", "a.csv"},      {}};
+        {"--realtime=1", "a.csv"},      {},
+        {"--log", "x.log", "--verbose", "a.csv"},  // the log goes to one place
+        {"--log=", "a.csv"}};
     for (const auto& args : bad) {
         EXPECT_THROW(CommandLine::parse(args), ReplayError) << ::testing::PrintToString(args);
     }

@@ -18,8 +18,9 @@ if(TARGET stylus-feature-dump AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predi
             ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
 endif()
 
-# The main job on the shipped sample with the shipped model: the summary is printed, and the model
-# does better than the constant-velocity baseline at the longest horizon.
+# The main job on the shipped sample with the shipped model: the terminal gets the summary and the
+# progress line only, and the model does better than the constant-velocity baseline at the longest
+# horizon.
 if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
   stylus_host_runnable(replay stylus-replay)
   add_test(NAME ReplayMainJobOnTheSample
@@ -28,4 +29,12 @@ if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.j
   add_test(NAME ReplayRefusesAMissingRecording
     COMMAND stylus-replay --quiet ${CMAKE_CURRENT_BINARY_DIR}/no-such-recording.csv)
   set_tests_properties(ReplayRefusesAMissingRecording PROPERTIES WILL_FAIL TRUE)
+  # The --json summary against its committed schema, and the --report page in a real browser.
+  set(replay_check /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/replay_outputs_check.py)
+  add_test(NAME ReplayJsonMatchesItsSchema
+    COMMAND ${replay_check} schema $<TARGET_FILE:stylus-replay> ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv
+            ${CMAKE_SOURCE_DIR}/tools/replay/summary.schema.json)
+  add_test(NAME ReplayReportLoadsInTheBrowser
+    COMMAND ${replay_check} browser $<TARGET_FILE:stylus-replay> ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
+  set_tests_properties(ReplayJsonMatchesItsSchema ReplayReportLoadsInTheBrowser PROPERTIES SKIP_RETURN_CODE 77)
 endif()

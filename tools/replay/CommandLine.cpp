@@ -18,8 +18,13 @@ const char* const CommandLine::usage =
     "  --json FILE             write the summary as JSON\n"
     "  --predictions-out FILE  write every prediction as CSV\n"
     "  --report FILE.html      write an HTML page with drawings and charts\n"
+    "  --log FILE              where the library's log lines go (default: stylus-replay.log in the\n"
+    "                          current directory)\n"
+    "  --verbose               the library's log lines on the terminal instead\n"
     "  --quiet                 no progress line on standard error\n"
     "  -h, --help              this text\n";
+
+const char* const CommandLine::defaultLogPath = "stylus-replay.log";
 
 ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
     ReplayOptions options;
@@ -74,6 +79,14 @@ ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
             options.predictionsPath = takeValue();
         } else if (arg == "--report") {
             options.reportPath = takeValue();
+        } else if (arg == "--log") {
+            options.logPath = takeValue();
+            if (options.logPath.empty()) {
+                throw ReplayError("--log needs a file name");
+            }
+        } else if (arg == "--verbose") {
+            noValue();
+            options.verbose = true;
         } else if (arg == "--quiet") {
             noValue();
             options.quiet = true;
@@ -82,6 +95,9 @@ ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
         } else {
             options.inputs.push_back(args[i]);
         }
+    }
+    if (options.verbose && !options.logPath.empty()) {
+        throw ReplayError("--log and --verbose exclude each other");
     }
     if (options.inputs.empty() && !options.help) {
         throw ReplayError("no recording given");

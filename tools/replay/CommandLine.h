@@ -14,6 +14,8 @@ struct ReplayOptions {
     std::string jsonPath;
     std::string predictionsPath;
     std::string reportPath;
+    std::string logPath;  // empty: defaultLogPath, unless verbose
+    bool verbose = false;  // the library's log lines on the terminal
     bool quiet = false;
     bool help = false;
 };
@@ -21,9 +23,11 @@ struct ReplayOptions {
 class CommandLine {
 public:
     static const char* const usage;
+    static const char* const defaultLogPath;
 
     // Options take their value as the next argument or after '='. Throws ReplayError on an unknown
-    // option, a missing value, a batch size below 1, or no recording (unless help was asked).
+    // option, a missing value, a batch size below 1, --log with --verbose, or no recording (unless
+    // help was asked).
     static ReplayOptions parse(const std::vector<std::string>& args);
 
     // Files stay as given; a directory stands for its *.csv and *.dat files in name order.

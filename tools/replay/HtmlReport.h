@@ -1,5 +1,6 @@
-// A self-contained HTML page to look at a replay: the strokes with their predicted points, the error
-// by horizon next to the constant-velocity guess, and the latency distributions. No scripts, no
+// A self-contained HTML page to look at a replay: every recording's first strokes with each predicted
+// point, its true position and both baselines' guesses (drawn by a small script from data embedded
+// in the page), the tables per recording, the drops, the error by horizon and the latencies. No
 // external files.
 #pragma once
 
@@ -15,36 +16,31 @@ namespace replay {
 
 class HtmlReport {
 public:
-    // Only the first strokes of the first recording are drawn, up to about this many samples, to
-    // keep the page light.
-    explicit HtmlReport(int predictionStepMs, std::size_t sampleBudget = 5000);
+    // Of each recording, strokes are drawn from its first while about sampleBudget samples last (at
+    // least one stroke), to keep the page light.
+    HtmlReport(int predictionStepMs, int numPredictions, std::size_t sampleBudget = 3000);
 
-    // Keeps strokes of the first recording with samples (and their predictions) while the budget
-    // lasts; later recordings only count in the charts.
     void add(const Recording& recording, const Batching& batching, const std::vector<PointResult>& results);
 
     void write(std::ostream& out, const ReplaySummary& summary, const ReplayTotals& totals) const;
 
 private:
-    struct Point {
-        double x;
-        double y;
+    struct DrawnStroke {
+        std::vector<float> samples;  // x, y, ...
+        std::string predictions;     // JSON rows, see writeData
     };
-    struct DrawnPrediction {
-        Point base;
-        std::vector<Point> points;
-        std::vector<int> horizonIndex;  // 1 for one prediction step ahead
-        std::vector<bool> inside;
+    struct DrawnRecording {
+        std::string path;
+        std::size_t strokeCount = 0;
+        std::vector<DrawnStroke> strokes;
     };
 
-    void writeDrawing(std::ostream& out) const;
+    void writeData(std::ostream& out) const;
 
     int predictionStepMs;
+    int numPredictions;
     std::size_t sampleBudget;
-    std::size_t drawnSamples = 0;
-    std::vector<std::string> drawnRecordings;
-    std::vector<std::vector<Point>> strokes;
-    std::vector<DrawnPrediction> predictions;
+    std::vector<DrawnRecording> recordings;
 };
 
 }  // namespace replay

@@ -23,9 +23,45 @@ std::string distribution(const DistributionSummary& d) {
            ", \"median_mm\": " + real(d.median) + ", \"p95_mm\": " + real(d.p95) + "}";
 }
 
+std::string pointSet(const PointSetSummary& p) {
+    return "{\"count\": " + std::to_string(p.count) + ", \"recordings\": " + std::to_string(p.recordings) +
+           ",\n       \"model\": " + distribution(p.model) +
+           ",\n       \"constant_velocity\": " + distribution(p.constantVelocity) +
+           ",\n       \"least_squares_3\": " + distribution(p.leastSquares) + "}";
+}
+
+std::string counts(const ReplayCounts& c) {
+    return "{\"recordings\": " + std::to_string(c.recordings) + ", \"strokes\": " + std::to_string(c.strokes) +
+           ", \"samples\": " + std::to_string(c.samples) + ", \"batches\": " + std::to_string(c.batches) +
+           ", \"refused_batches\": " + std::to_string(c.refusedBatches) +
+           ", \"predicted_batches\": " + std::to_string(c.predictedBatches) +
+           ", \"predictions\": " + std::to_string(c.predictions) +
+           ", \"measured_predictions\": " + std::to_string(c.measuredPredictions) +
+           ", \"past_stroke_end\": " + std::to_string(c.pastStrokeEnd) +
+           ", \"before_stroke_start\": " + std::to_string(c.beforeStrokeStart) +
+           ", \"unmatched_callbacks\": " + std::to_string(c.unmatchedCallbacks) +
+           ", \"dropped_inside_stroke\": " + std::to_string(c.droppedInside) +
+           ", \"dropped_past_end\": " + std::to_string(c.droppedPastEnd) + "}";
+}
+
+void horizons(std::ostream& out, const std::vector<HorizonSummary>& rows, const std::string& indent) {
+    out << "[";
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const HorizonSummary& h = rows[i];
+        out << (i > 0 ? ",\n" : "\n") << indent << "  {\"ms\": " << h.ms << ", \"index\": " << h.index
+            << ", \"predictions\": " << h.predictions << ", \"past_stroke_end\": " << h.pastStrokeEnd
+            << ", \"dropped_inside_stroke\": " << h.droppedInside << ", \"dropped_past_end\": " << h.droppedPastEnd
+            << ",\n"
+            << indent << "   \"model\": " << distribution(h.model) << ",\n"
+            << indent << "   \"constant_velocity\": " << distribution(h.constantVelocity) << ",\n"
+            << indent << "   \"predicted_by_all\": " << pointSet(h.common) << ",\n"
+            << indent << "   \"drops_charged\": " << pointSet(h.charged) << "}";
+    }
+    out << (rows.empty() ? "]" : "\n" + indent + "]");
+}
+
 std::string latency(const LatencySummary& l) {
-    return "{\"count\": " + std::to_string(l.count) + ", \"p50\": " + real(l.p50) + ", \"p99\": " + real(l.p99) +
-           "}";
+    return "{\"count\": " + std::to_string(l.count) + ", \"p50\": " + real(l.p50) + ", \"p99\": " + real(l.p99) + "}";
 }
 
 }  // namespace
@@ -34,11 +70,21 @@ std::string JsonSummary::escape(const std::string& value) {
     std::string escaped;
     for (const char c : value) {
         switch (c) {
-            case '"': escaped += "\\\""; break;
-            case '\\': escaped += "\\\\"; break;
-            case '\n': escaped += "\\n"; break;
-            case '\r': escaped += "\\r"; break;
-            case '\t': escaped += "\\t"; break;
+            case '"':
+                escaped += "\\\"";
+                break;
+            case '\\':
+                escaped += "\\\\";
+                break;
+            case '\n':
+                escaped += "\\n";
+                break;
+            case '\r':
+                escaped += "\\r";
+                break;
+            case '\t':
+                escaped += "\\t";
+                break;
             default:
                 if (static_cast<unsigned char>(c) < 0x20) {
                     char code[8];
@@ -53,7 +99,6 @@ std::string JsonSummary::escape(const std::string& value) {
 }
 
 void JsonSummary::write(std::ostream& out, const ReplaySummary& s) {
-    const ReplayCounts& c = s.counts;
     out << "{\n";
     out << "  \"tool\": \"stylus-replay\",\n";
     out << "  \"config\": " << text(s.configPath) << ",\n";
@@ -63,32 +108,32 @@ void JsonSummary::write(std::ostream& out, const ReplaySummary& s) {
     }
     out << "],\n";
     out << "  \"settings\": {\"batch_size\": " << s.batchSize << ", \"realtime\": " << (s.realtime ? "true" : "false")
-        << ", \"queue_full_policy\": " << text(s.queueFullPolicy) << ", \"prediction_step_ms\": "
-        << s.predictionStepMs << ", \"num_predictions\": " << s.numPredictions
-        << ", \"mm_per_pixel\": " << real(s.mmPerPixel) << "},\n";
-    out << "  \"counts\": {\"recordings\": " << c.recordings << ", \"strokes\": " << c.strokes
-        << ", \"samples\": " << c.samples << ", \"batches\": " << c.batches
-        << ", \"refused_batches\": " << c.refusedBatches << ", \"predicted_batches\": " << c.predictedBatches
-        << ", \"predictions\": " << c.predictions << ", \"measured_predictions\": " << c.measuredPredictions
-        << ", \"past_stroke_end\": " << c.pastStrokeEnd << ", \"before_stroke_start\": " << c.beforeStrokeStart
-        << ", \"unmatched_callbacks\": " << c.unmatchedCallbacks << "},\n";
-    out << "  \"horizons\": [";
-    for (std::size_t i = 0; i < s.horizons.size(); ++i) {
-        const HorizonSummary& h = s.horizons[i];
-        out << (i > 0 ? ",\n" : "\n") << "    {\"ms\": " << h.ms << ", \"index\": " << h.index
-            << ", \"predictions\": " << h.predictions << ", \"past_stroke_end\": " << h.pastStrokeEnd
-            << ",\n     \"model\": " << distribution(h.model)
-            << ",\n     \"constant_velocity\": " << distribution(h.constantVelocity) << "}";
+        << ", \"queue_full_policy\": " << text(s.queueFullPolicy) << ", \"prediction_step_ms\": " << s.predictionStepMs
+        << ", \"num_predictions\": " << s.numPredictions << ", \"mm_per_pixel\": " << real(s.mmPerPixel) << "},\n";
+    out << "  \"counts\": " << counts(s.counts) << ",\n";
+    out << "  \"horizons\": ";
+    horizons(out, s.horizons, "  ");
+    out << ",\n  \"macro_average\": {\"horizons\": ";
+    horizons(out, s.macroAverage, "    ");
+    out << "},\n  \"recordings\": [";
+    for (std::size_t i = 0; i < s.recordings.size(); ++i) {
+        const RecordingSummary& r = s.recordings[i];
+        out << (i > 0 ? ",\n" : "\n") << "    {\"path\": " << text(r.path) << ",\n     \"counts\": " << counts(r.counts)
+            << ",\n     \"horizons\": ";
+        horizons(out, r.horizons, "     ");
+        out << "}";
     }
-    out << (s.horizons.empty() ? "],\n" : "\n  ],\n");
+    out << (s.recordings.empty() ? "],\n" : "\n  ],\n");
     out << "  \"library_metrics\": ";
     if (s.library.available) {
         out << "{\"distance_error_mm\": " << real(s.library.distanceErrorMm)
             << ", \"angle_dev_error_deg\": " << real(s.library.angleDevErrorDeg)
-            << ", \"valid\": " << (s.library.valid ? "true" : "false") << "},\n";
+            << ", \"valid\": " << (s.library.valid ? "true" : "false")
+            << ", \"measures\": " << text(LibraryMetrics::measures) << "},\n";
     } else {
         out << "null,\n";
     }
+    out << "  \"library_log\": " << (s.libraryLogPath.empty() ? "null" : text(s.libraryLogPath)) << ",\n";
     out << "  \"latency_us\": {\"model\": " << latency(s.modelLatencyUs)
         << ", \"send_to_callback\": " << latency(s.sendToCallbackUs) << "}\n";
     out << "}\n";

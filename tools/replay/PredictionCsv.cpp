@@ -7,7 +7,7 @@ namespace replay {
 
 const char* const PredictionCsv::header =
     "recording,stroke,base_timestamp,timestamp,horizon_ms,x_pos,y_pos,truth_x,truth_y,error_mm,cv_x,cv_y,"
-    "cv_error_mm,where";
+    "cv_error_mm,where,ls_x,ls_y,ls_error_mm";
 
 namespace {
 
@@ -24,9 +24,12 @@ std::string csvField(const std::string& text) {
 
 const char* whereName(TruthPoint::Where where) {
     switch (where) {
-        case TruthPoint::Where::Inside: return "inside";
-        case TruthPoint::Where::BeforeStart: return "before_start";
-        case TruthPoint::Where::PastEnd: break;
+        case TruthPoint::Where::Inside:
+            return "inside";
+        case TruthPoint::Where::BeforeStart:
+            return "before_start";
+        case TruthPoint::Where::PastEnd:
+            break;
     }
     return "past_end";
 }
@@ -39,6 +42,9 @@ void PredictionCsv::write(std::ostream& out, const std::string& recording, const
     const std::string name = csvField(recording);
     char text[512];
     for (const PointResult& r : results) {
+        if (r.dropped) {
+            continue;
+        }
         const bool inside = r.where == TruthPoint::Where::Inside;
         int n = std::snprintf(text, sizeof(text), ",%zu,%" PRIu64 ",%" PRIu64 ",%" PRId64 ",%.4f,%.4f,", r.stroke,
                               r.baseTimestamp, r.timestamp, r.horizonMs, r.x, r.y);
@@ -59,7 +65,10 @@ void PredictionCsv::write(std::ostream& out, const std::string& recording, const
         } else {
             out << ",,";
         }
-        out << ',' << whereName(r.where) << '\n';
+        out << ',' << whereName(r.where);
+        n = inside ? std::snprintf(text, sizeof(text), ",%.4f,%.4f,%.5f\n", r.lsX, r.lsY, r.lsErrorMm)
+                   : std::snprintf(text, sizeof(text), ",%.4f,%.4f,\n", r.lsX, r.lsY);
+        out << std::string(text, static_cast<std::size_t>(n));
     }
 }
 

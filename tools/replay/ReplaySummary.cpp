@@ -1,5 +1,7 @@
 #include "ReplaySummary.h"
 
+#include <cmath>
+#include <limits>
 #include <set>
 
 namespace replay {
@@ -14,7 +16,117 @@ LatencySummary latency(const ErrorStats& stats) {
     return {stats.count(), stats.percentile(50.0), stats.percentile(99.0)};
 }
 
+PointSetSummary pointSet(const PointSetTotals& totals, std::size_t recordings) {
+    PointSetSummary set;
+    set.count = totals.model.count();
+    set.recordings = set.count > 0 ? recordings : 0;
+    set.model = distribution(totals.model);
+    set.constantVelocity = distribution(totals.constantVelocity);
+    set.leastSquares = distribution(totals.leastSquares);
+    return set;
+}
+
+std::vector<HorizonSummary> horizonRows(const HorizonMap& totals, const std::set<int64_t>& horizons,
+                                        const ReplayConfig& config, std::size_t recordings) {
+    std::vector<HorizonSummary> rows;
+    const HorizonTotals none;
+    for (const int64_t ms : horizons) {
+        const auto found = totals.find(ms);
+        const HorizonTotals& horizon = found != totals.end() ? found->second : none;
+        HorizonSummary row;
+        row.ms = ms;
+        if (config.predictionStepMs > 0 && ms > 0 && ms % config.predictionStepMs == 0) {
+            row.index = static_cast<int>(ms / config.predictionStepMs);
+        }
+        row.predictions = horizon.predictions;
+        row.pastStrokeEnd = horizon.pastStrokeEnd;
+        row.droppedInside = horizon.droppedInside;
+        row.droppedPastEnd = horizon.droppedPastEnd;
+        row.model = distribution(horizon.model);
+        row.constantVelocity = distribution(horizon.constantVelocity);
+        row.common = pointSet(horizon.common, recordings);
+        row.charged = pointSet(horizon.charged, recordings);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+// Running means of each figure over the recordings that have one.
+struct Average {
+    double sum = 0.0;
+    std::size_t n = 0;
+    void add(double value) {
+        if (std::isfinite(value)) {
+            sum += value;
+            ++n;
+        }
+    }
+    double value() const { return n > 0 ? sum / static_cast<double>(n) : std::numeric_limits<double>::quiet_NaN(); }
+};
+
+struct DistributionAverage {
+    std::size_t count = 0;
+    Average mean, median, p95;
+    void add(const DistributionSummary& d) {
+        count += d.count;
+        if (d.count > 0) {
+            mean.add(d.mean);
+            median.add(d.median);
+            p95.add(d.p95);
+        }
+    }
+    DistributionSummary value() const { return {count, mean.value(), median.value(), p95.value()}; }
+};
+
+struct PointSetAverage {
+    std::size_t count = 0, recordings = 0;
+    DistributionAverage model, constantVelocity, leastSquares;
+    void add(const PointSetSummary& set) {
+        count += set.count;
+        recordings += set.recordings;
+        model.add(set.model);
+        constantVelocity.add(set.constantVelocity);
+        leastSquares.add(set.leastSquares);
+    }
+    PointSetSummary value() const {
+        return {count, recordings, model.value(), constantVelocity.value(), leastSquares.value()};
+    }
+};
+
+std::vector<HorizonSummary> averageOverRecordings(const std::vector<RecordingSummary>& recordings,
+                                                  const std::vector<HorizonSummary>& pooled) {
+    std::vector<HorizonSummary> rows;
+    for (std::size_t h = 0; h < pooled.size(); ++h) {
+        HorizonSummary row;
+        row.ms = pooled[h].ms;
+        row.index = pooled[h].index;
+        DistributionAverage model, constantVelocity;
+        PointSetAverage common, charged;
+        for (const RecordingSummary& recording : recordings) {
+            const HorizonSummary& own = recording.horizons[h];
+            row.predictions += own.predictions;
+            row.pastStrokeEnd += own.pastStrokeEnd;
+            row.droppedInside += own.droppedInside;
+            row.droppedPastEnd += own.droppedPastEnd;
+            model.add(own.model);
+            constantVelocity.add(own.constantVelocity);
+            common.add(own.common);
+            charged.add(own.charged);
+        }
+        row.model = model.value();
+        row.constantVelocity = constantVelocity.value();
+        row.common = common.value();
+        row.charged = charged.value();
+        rows.push_back(row);
+    }
+    return rows;
+}
+
 }  // namespace
+
+const char* const LibraryMetrics::measures =
+    "the newest predicted point of a batch against the first sample two batches later, as a running mean "
+    "kept across runs in the library's metrics file";
 
 ReplaySummary ReplaySummary::make(const ReplayTotals& totals, const ReplayConfig& config) {
     ReplaySummary summary;
@@ -34,21 +146,18 @@ ReplaySummary ReplaySummary::make(const ReplayTotals& totals, const ReplayConfig
     for (int k = 1; k <= config.numPredictions && config.predictionStepMs > 0; ++k) {
         horizons.insert(static_cast<int64_t>(k) * config.predictionStepMs);  // listed even when empty
     }
-    const HorizonTotals none;
-    for (const int64_t ms : horizons) {
-        const auto found = totals.horizons.find(ms);
-        const HorizonTotals& horizon = found != totals.horizons.end() ? found->second : none;
-        HorizonSummary row;
-        row.ms = ms;
-        if (config.predictionStepMs > 0 && ms > 0 && ms % config.predictionStepMs == 0) {
-            row.index = static_cast<int>(ms / config.predictionStepMs);
-        }
-        row.predictions = horizon.predictions;
-        row.pastStrokeEnd = horizon.pastStrokeEnd;
-        row.model = distribution(horizon.model);
-        row.constantVelocity = distribution(horizon.constantVelocity);
-        summary.horizons.push_back(row);
+    for (const RecordingTotals& recording : totals.recordings) {
+        summary.recordings.push_back(
+            {recording.path, recording.counts, horizonRows(recording.horizons, horizons, config, 1)});
     }
+    // In the pooled rows, a set's recordings are those with a point in it at that horizon.
+    summary.horizons = horizonRows(totals.horizons, horizons, config, 0);
+    const std::vector<HorizonSummary> macro = averageOverRecordings(summary.recordings, summary.horizons);
+    for (std::size_t h = 0; h < macro.size(); ++h) {
+        summary.horizons[h].common.recordings = macro[h].common.recordings;
+        summary.horizons[h].charged.recordings = macro[h].charged.recordings;
+    }
+    summary.macroAverage = macro;
     return summary;
 }
 

@@ -18,13 +18,32 @@ struct DistributionSummary {
     double p95 = 0.0;
 };
 
+// One set of points measured for the model and both baselines.
+struct PointSetSummary {
+    std::size_t count = 0;       // points
+    std::size_t recordings = 0;  // recordings with at least one point in the set
+    DistributionSummary model;
+    DistributionSummary constantVelocity;
+    DistributionSummary leastSquares;
+};
+
 struct HorizonSummary {
     int64_t ms = 0;
     int index = 0;  // ms / prediction step, 0 when ms is not a positive multiple of it
     std::size_t predictions = 0;
     std::size_t pastStrokeEnd = 0;
+    std::size_t droppedInside = 0;
+    std::size_t droppedPastEnd = 0;
     DistributionSummary model;
     DistributionSummary constantVelocity;
+    PointSetSummary common;   // where every predictor predicts
+    PointSetSummary charged;  // plus the model's drops inside a stroke, charged as "no prediction"
+};
+
+struct RecordingSummary {
+    std::string path;
+    ReplayCounts counts;
+    std::vector<HorizonSummary> horizons;  // the same horizons as the pooled ones
 };
 
 struct LatencySummary {
@@ -34,6 +53,9 @@ struct LatencySummary {
 };
 
 struct LibraryMetrics {
+    // What the library's online distance error is: not a figure of any one horizon above.
+    static const char* const measures;
+
     bool available = false;  // false when no library was run
     double distanceErrorMm = 0.0;
     double angleDevErrorDeg = 0.0;
@@ -51,10 +73,15 @@ struct ReplaySummary {
     double mmPerPixel = 0.0;
 
     ReplayCounts counts;
-    std::vector<HorizonSummary> horizons;  // ascending ms; the configured horizons are always listed
+    std::vector<HorizonSummary> horizons;  // pooled; ascending ms; the configured horizons are always listed
+    std::vector<RecordingSummary> recordings;
+    // Each recording weighs the same: every figure is the mean of the recordings' own figures, over
+    // the recordings with a point in the set; counts are summed.
+    std::vector<HorizonSummary> macroAverage;
     LibraryMetrics library;
     LatencySummary modelLatencyUs;
     LatencySummary sendToCallbackUs;
+    std::string libraryLogPath;  // empty: the library's log went to the terminal
 
     static ReplaySummary make(const ReplayTotals& totals, const ReplayConfig& config);
 };

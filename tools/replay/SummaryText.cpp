@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <sstream>
 #include <string>
 
 namespace replay {
@@ -29,6 +30,27 @@ void countLine(std::ostream& out, const char* label, std::size_t value) {
     char text[128];
     std::snprintf(text, sizeof(text), "  %-22s%10zu\n", label, value);
     out << text;
+}
+
+std::string horizonLabel(int64_t ms) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "  %4lld ms", static_cast<long long>(ms));
+    return text;
+}
+
+std::string figures(const PointSetSummary& set) {
+    return number(set.model.mean, 9, 3) + number(set.model.p95, 9, 3) + number(set.leastSquares.mean, 9, 3) +
+           number(set.leastSquares.p95, 9, 3) + number(set.constantVelocity.mean, 9, 3) +
+           number(set.constantVelocity.p95, 9, 3);
+}
+
+// The file name, cut from the front to fit a column.
+std::string shortName(const std::string& path, std::size_t width) {
+    std::string name = path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
+    if (name.size() > width) {
+        name = ".." + name.substr(name.size() - (width - 2));
+    }
+    return name + std::string(width - name.size(), ' ');
 }
 
 }  // namespace
@@ -59,20 +81,65 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
         countLine(out, "unmatched callbacks", c.unmatchedCallbacks);
     }
 
-    out << "\nError by horizon, mm                 model                   constant velocity\n";
-    out << "  horizon  measured  past end     mean   median      p95      mean   median      p95\n";
+    out << "  dropped by the model\n";
+    countLine(out, "  inside a stroke", c.droppedInside);
+    countLine(out, "  past stroke end", c.droppedPastEnd);
+
+    const char* const predictors = "                       model      least squares (3)  constant velocity\n";
+    out << "\nError by horizon, mm, where every predictor predicts (the model's own points)\n" << predictors;
+    out << "  horizon    points     mean      p95     mean      p95     mean      p95\n";
     for (const HorizonSummary& h : s.horizons) {
-        char horizon[32];
-        std::snprintf(horizon, sizeof(horizon), "  %4lld ms", static_cast<long long>(h.ms));
-        out << horizon
-            << count(h.model.count, 10) << count(h.pastStrokeEnd, 10) << number(h.model.mean, 9, 3)
-            << number(h.model.median, 9, 3) << number(h.model.p95, 9, 3) << " "
-            << number(h.constantVelocity.mean, 9, 3) << number(h.constantVelocity.median, 9, 3)
-            << number(h.constantVelocity.p95, 9, 3) << "\n";
+        out << horizonLabel(h.ms) << count(h.common.count, 10) << figures(h.common) << "\n";
+    }
+    out << "\nError by horizon, mm, with the model's drops inside a stroke charged as \"no prediction\"\n"
+           "(the pen shown where it last was)\n"
+        << predictors;
+    out << "  horizon    points     mean      p95     mean      p95     mean      p95   dropped\n";
+    for (const HorizonSummary& h : s.horizons) {
+        out << horizonLabel(h.ms) << count(h.charged.count, 10) << figures(h.charged) << count(h.droppedInside, 10)
+            << "\n";
+    }
+
+    out << "\nPoints dropped by the model   inside a stroke   past stroke end (of all due there)\n";
+    for (const HorizonSummary& h : s.horizons) {
+        const std::size_t pastEnd = h.droppedPastEnd + h.pastStrokeEnd;
+        out << horizonLabel(h.ms) << std::string(20, ' ') << count(h.droppedInside, 10)
+            << count(h.droppedPastEnd, 18) << " of " << count(pastEnd, 0) << "\n";
+    }
+
+    if (!s.horizons.empty()) {
+        const std::size_t last = s.horizons.size() - 1;
+        out << "\nPer recording at +" << s.horizons[last].ms << " ms, mm, drops charged\n"
+            << std::string(21, ' ') << predictors;
+        out << "  recording                       points     mean      p95     mean      p95     mean      p95"
+               "   dropped\n";
+        const auto row = [&](const std::string& name, const HorizonSummary& h) {
+            out << "  " << shortName(name, 28) << count(h.charged.count, 10) << figures(h.charged)
+                << count(h.droppedInside, 10) << "\n";
+        };
+        for (const RecordingSummary& r : s.recordings) {
+            row(r.path, r.horizons[last]);
+        }
+        if (!s.macroAverage.empty()) {
+            row("macro average", s.macroAverage[last]);
+        }
+        row("pooled", s.horizons[last]);
+        out << "  (macro average: each recording weighs the same)\n";
     }
 
     if (s.library.available) {
-        out << "\nLibrary metrics (online)\n";
+        out << "\nLibrary metrics (online; not comparable with the tables above)\n";
+        // Word-wrapped: it says what the figure is.
+        std::string line = "  measures";
+        std::istringstream words(LibraryMetrics::measures);
+        for (std::string word; words >> word;) {
+            if (line.size() + 1 + word.size() > 96) {
+                out << line << "\n";
+                line = "          ";
+            }
+            line += " " + word;
+        }
+        out << line << "\n";
         out << "  distance error      " << number(s.library.distanceErrorMm, 10, 3) << " mm\n";
         out << "  angle deviation     " << number(s.library.angleDevErrorDeg, 10, 3) << " deg\n";
         out << "  valid               " << std::string(10 - (s.library.valid ? 4 : 5), ' ')
@@ -84,6 +151,9 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
         << count(s.modelLatencyUs.count, 10) << "\n";
     out << "  send to callback  " << number(s.sendToCallbackUs.p50, 10, 0)
         << number(s.sendToCallbackUs.p99, 10, 0) << count(s.sendToCallbackUs.count, 10) << "\n";
+    if (!s.libraryLogPath.empty()) {
+        out << "\nLibrary log: " << s.libraryLogPath << "\n";
+    }
 }
 
 }  // namespace replay

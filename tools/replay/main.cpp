@@ -6,11 +6,13 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "Batcher.h"
 #include "CommandLine.h"
 #include "HtmlReport.h"
 #include "JsonSummary.h"
+#include "LibraryLog.h"
 #include "PredictionCsv.h"
 #include "PredictionEvaluator.h"
 #include "ProgressLine.h"
@@ -25,13 +27,21 @@ namespace {
 
 using namespace replay;
 
-// The shipped configuration: from the repository root, else where the build found it.
+// The shipped configuration: from the repository root, else the one installed beside this
+// executable, else where the build found it.
 std::string defaultConfigPath() {
     const std::string relative = "models/stylus_predictor.json";
     std::error_code error;
     if (std::filesystem::exists(relative, error)) {
         return relative;
     }
+#ifdef STYLUS_REPLAY_INSTALLED_CONFIG
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path installed = self.parent_path() / STYLUS_REPLAY_INSTALLED_CONFIG;
+    if (!error && std::filesystem::exists(installed, error)) {
+        return installed.lexically_normal().string();
+    }
+#endif
 #ifdef STYLUS_REPLAY_DEFAULT_CONFIG
     return STYLUS_REPLAY_DEFAULT_CONFIG;
 #else
@@ -79,11 +89,22 @@ int run(const ReplayOptions& options) {
     }
 
     const Batcher batcher(options.batchSize);
-    PredictionEvaluator evaluator(config.mmPerPixel());
-    HtmlReport report(config.predictionStepMs);
-    ReplayHost host(configPath);
+    PredictionEvaluator evaluator(config.mmPerPixel(), config.predictionStepMs, config.numPredictions);
+    HtmlReport report(config.predictionStepMs, config.numPredictions);
+    // Before the library starts, so that its first line is in the log; destroyed after it stops.
+    const LibraryLog libraryLog(options.verbose ? std::string()
+                                                : options.logPath.empty() ? CommandLine::defaultLogPath
+                                                                          : options.logPath);
+    // The library finds its model beside the configuration, which a bare file name does not say.
+    std::optional<ReplayHost> started;
+    try {
+        started.emplace(std::filesystem::absolute(configPath).string());
+    } catch (const ReplayError& error) {
+        throw ReplayError(error.what() + (libraryLog.path().empty() ? "" : " (see " + libraryLog.path() + ")"));
+    }
+    ReplayHost& host = *started;
     {
-        ProgressLine progress(!options.quiet);
+        ProgressLine progress(!options.quiet, libraryLog.terminal());
         for (std::size_t r = 0; r < recordings.size(); ++r) {
             const Recording& recording = recordings[r];
             const Batching batching = batcher.cut(recording.samples);
@@ -110,6 +131,7 @@ int run(const ReplayOptions& options) {
     summary.realtime = options.realtime;
     summary.numPredictions = host.numPredictedPoints();
     summary.library = host.metrics();
+    summary.libraryLogPath = libraryLog.path();
 
     SummaryText::print(std::cout, summary);
     if (jsonOut) {
