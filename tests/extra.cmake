@@ -32,9 +32,9 @@ if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.j
   # The --json summary against its committed schema, and the --report page in a real browser.
   set(replay_check /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/replay_outputs_check.py)
   add_test(NAME ReplayJsonMatchesItsSchema
-    COMMAND ${replay_check} schema $<TARGET_FILE:stylus-replay> ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv
+    COMMAND ${replay_check} schema ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv
             ${CMAKE_SOURCE_DIR}/tools/replay/summary.schema.json)
   add_test(NAME ReplayReportLoadsInTheBrowser
-    COMMAND ${replay_check} browser $<TARGET_FILE:stylus-replay> ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
+    COMMAND ${replay_check} browser ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
   set_tests_properties(ReplayJsonMatchesItsSchema ReplayReportLoadsInTheBrowser PROPERTIES SKIP_RETURN_CODE 77)
 endif()
