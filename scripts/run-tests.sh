@@ -42,7 +42,8 @@ run_arm64() {
   echo "=== arm64: run tests under qemu-user" >&2
   ctest --test-dir "$build" --output-on-failure -j "$jobs"
   echo "=== arm64: replay the shipped sample under qemu-user (timings are not device timings)" >&2
-  qemu-aarch64-static "$build/tools/stylus-replay" --quiet "$root/tools/sample/sample_240hz.csv"
+  qemu-aarch64-static "$build/tools/stylus-replay" --quiet --log "$build/replay-sample.log" \
+    "$root/tools/sample/sample_240hz.csv"
   unset QEMU_LD_PREFIX
 }
 
