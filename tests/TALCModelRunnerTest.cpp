@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -73,15 +74,20 @@ std::vector<float> allOutputs(TALCModelRunner& runner, const std::vector<float>&
 }
 
 // Both engines compute in float32 with different summation orders and XNNPACK's sigmoid is a
-// polynomial: relative 1e-5, with an absolute floor for values that cancel to near zero.
+// polynomial: relative 1e-5. A value that cancels to near zero carries the rounding of the terms that
+// cancelled, which are as large as the outputs: relative to the largest output then.
 void expectSameOutputs(const std::vector<float>& actual, const std::vector<float>& expected) {
     ASSERT_EQ(actual.size(), expected.size());
+    float scale = 0.0f;
+    for (float v : expected) {
+        if (std::isfinite(v)) scale = std::max(scale, std::fabs(v));
+    }
     for (size_t i = 0; i < actual.size(); ++i) {
         if (std::isnan(expected[i])) {
             EXPECT_TRUE(std::isnan(actual[i])) << i;
             continue;
         }
-        const float tolerance = 1e-5f * std::max(std::fabs(actual[i]), std::fabs(expected[i])) + 1e-6f;
+        const float tolerance = 1e-5f * std::max({std::fabs(actual[i]), std::fabs(expected[i]), scale}) + 1e-6f;
         EXPECT_NEAR(actual[i], expected[i], tolerance) << i;
     }
 }
@@ -242,7 +248,10 @@ TEST(TALCModelRunnerTest, BothEnginesGiveTheSameOutputsOnEveryModelTheyBothRun) 
     const std::string models[] = {model("const_n10_p5"), model("const_n25_p5"), model("small_n4_p5"),
                                   model("copy_n10_p5"), model("ops_n10_p5"), STYLUS_SHIPPED_MODEL};
     std::mt19937 random(7);
-    std::uniform_real_distribution<float> value(-1.5f, 1.5f);
+    // Rows as the library feeds them: each feature mapped into its configured range, time steps above
+    // zero. Outside it the shipped model divides by near-zero time steps and both engines only agree
+    // on how large the result is.
+    std::uniform_real_distribution<float> value(0.05f, 0.95f);
     for (const std::string& path : models) {
         SCOPED_TRACE(path);
         TALCModelRunner xnnpack(path, TALCEngine::XNNPACK);

@@ -11,9 +11,10 @@ endif()
 
 # The training code must build exactly the model input rows the library builds.
 if(TARGET stylus-feature-dump AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
+  stylus_host_runnable(feature_dump stylus-feature-dump)
   add_test(NAME FeatureParityWithTrainingCode
     COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/check_feature_parity.py
-            $<TARGET_FILE:stylus-feature-dump> ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json
+            ${feature_dump} ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json
             ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
 endif()
 
@@ -21,18 +22,19 @@ endif()
 # progress line only, and the model does better than the constant-velocity baseline at the longest
 # horizon.
 if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
+  stylus_host_runnable(replay stylus-replay)
   add_test(NAME ReplayMainJobOnTheSample
-    COMMAND ${CMAKE_COMMAND} -DREPLAY=$<TARGET_FILE:stylus-replay> -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
+    COMMAND ${CMAKE_COMMAND} -DREPLAY=${replay} -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
             -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/replay_main_job.cmake)
   add_test(NAME ReplayRefusesAMissingRecording
-    COMMAND $<TARGET_FILE:stylus-replay> --quiet ${CMAKE_CURRENT_BINARY_DIR}/no-such-recording.csv)
+    COMMAND stylus-replay --quiet ${CMAKE_CURRENT_BINARY_DIR}/no-such-recording.csv)
   set_tests_properties(ReplayRefusesAMissingRecording PROPERTIES WILL_FAIL TRUE)
   # The --json summary against its committed schema, and the --report page in a real browser.
   set(replay_check /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/replay_outputs_check.py)
   add_test(NAME ReplayJsonMatchesItsSchema
-    COMMAND ${replay_check} schema $<TARGET_FILE:stylus-replay> ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv
+    COMMAND ${replay_check} schema ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv
             ${CMAKE_SOURCE_DIR}/tools/replay/summary.schema.json)
   add_test(NAME ReplayReportLoadsInTheBrowser
-    COMMAND ${replay_check} browser $<TARGET_FILE:stylus-replay> ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
+    COMMAND ${replay_check} browser ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
   set_tests_properties(ReplayJsonMatchesItsSchema ReplayReportLoadsInTheBrowser PROPERTIES SKIP_RETURN_CODE 77)
 endif()

@@ -253,3 +253,56 @@ def write_mlp(path, n_hist, hidden, heads, input_features=6):
         out, _ = _fully_connected(graph, f"output{k}", current, width, weights, bias, "none")
         outputs.append(out)
     graph.write(path, [source], outputs)
+
+
+class GraphBuilder:
+    """A float32 graph of the fast engine's operators, built node by node.
+
+    Every tensor is [1, width] except the input [1, n_hist, input_features]. Binary operators take
+    two tensors of the same shape (constants are stored at full shape, never broadcast), which
+    every runtime runs without a broadcasting path.
+    """
+
+    def __init__(self, n_hist, input_features=6):
+        self.graph = _Graph()
+        self.source, self.flat, self.flat_width = _flattened_input(self.graph, n_hist, input_features)
+        self.widths = {self.flat: self.flat_width}
+        self.outputs = []
+
+    def fully_connected(self, name, source, weights, bias, activation="none"):
+        out, width = _fully_connected(self.graph, name, source, self.widths[source], weights, bias, activation)
+        self.widths[out] = width
+        return out
+
+    def constant(self, name, values):
+        values = np.asarray(values, dtype=np.float32).reshape(1, -1)
+        c = self.graph.constant(name, values)
+        self.widths[c] = values.shape[1]
+        return c
+
+    def binary(self, kind, name, a, b, activation="none"):
+        if kind not in BINARY_OPERATORS:
+            raise ValueError(f"{name}: unknown binary operator {kind!r}")
+        if self.widths[a] != self.widths[b]:
+            raise ValueError(f"{name}: operands of width {self.widths[a]} and {self.widths[b]}")
+        builtin, option_tag = BINARY_OPERATORS[kind]
+        out = self.graph.tensor(name, [1, self.widths[a]])
+        self.graph.operator(builtin, [a, b], [out], ("binary", option_tag, _ACTIVATIONS[activation]))
+        self.widths[out] = self.widths[a]
+        return out
+
+    def concatenation(self, name, sources, activation="none"):
+        width = sum(self.widths[s] for s in sources)
+        out = self.graph.tensor(name, [1, width])
+        self.graph.operator(_CONCATENATION, list(sources), [out], ("concat", 1, _ACTIVATIONS[activation]))
+        self.widths[out] = width
+        return out
+
+    def logistic(self, name, source):
+        out = self.graph.tensor(name, [1, self.widths[source]])
+        self.graph.operator(_LOGISTIC, [source], [out])
+        self.widths[out] = self.widths[source]
+        return out
+
+    def write(self, path, outputs):
+        self.graph.write(path, [self.source], list(outputs))

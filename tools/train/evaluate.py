@@ -1,11 +1,16 @@
 #!/usr/bin/env python3
-"""Error tables of the shipped model against constant velocity.
+"""Error tables of a model against constant velocity (CV) and least-squares velocity (LS3).
 
-    /usr/bin/python3 tools/train/evaluate.py FILE.csv [FILE.csv ...] [--resample 240]
+    /usr/bin/python3 tools/train/evaluate.py FILE.csv [FILE.csv ...]
+        [--rates own,100,240,600] [--batches 1,2,4,8] [--config models/stylus_predictor.json]
 
-Runs the exported .tflite graph (numpy forward pass) on the library's input rows
-at every point where the library predicts, and compares each horizon with the
-constant-velocity extrapolation of the last two samples.
+Runs the exported .tflite graph (numpy forward pass, float32 like the library) on the library's
+input rows at every point where the library predicts with the given batch size (batches start
+at the pen-down, a pen-up closes one and carries only the boundary, as stylus-replay sends them),
+and compares each horizon with the two baselines on the same points. A point the stroke-end head
+drops while the stroke is still going is charged as "no prediction": its error is the distance
+from the true position to the newest sample. Drops inside the stroke and catches past its end
+are counted apart.
 """
 
 import argparse
@@ -16,58 +21,163 @@ import numpy as np
 
 from features import FeatureConfig, Recording, resample
 from model import tflite_forward
-from targets import Dataset, build, error_table, format_tables
+from targets import Dataset, build
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+RATES = ("own", 100, 150, 200, 240, 300, 400, 500, 600)
+BATCHES = (1, 2, 4, 8)
 
 
-def model_outputs(tfl_path, ds, p):
-    out0, out1 = [], []
-    for i in range(0, len(ds), 16384):
-        a, b = tflite_forward(tfl_path, ds.x[i:i + 16384])
-        out0.append(a)
-        out1.append(b)
-    return np.concatenate(out0).reshape(-1, p, 2), np.concatenate(out1)
+def tflite_predictor(tfl_path, p):
+    """Function rows -> (displacements [K, P, 2] mm, stroke-end logits [K, P]) of the file."""
+    def run(x):
+        out0, out1 = [], []
+        for i in range(0, len(x), 16384):
+            a, b = tflite_forward(tfl_path, x[i:i + 16384])
+            out0.append(a)
+            out1.append(b)
+        if not out0:
+            return np.zeros((0, p, 2), np.float32), np.zeros((0, p), np.float32)
+        return np.concatenate(out0).reshape(-1, p, 2), np.concatenate(out1)
+    return run
 
 
-def report(tfl_path, cfg, files, rates=(None,), title="Results"):
-    """Markdown: pooled table, per-file mean errors, stroke-end dropping."""
-    p = cfg.num_predictions
-    hz = [cfg.prediction_time_delta_ms * (k + 1) for k in range(p)]
-    parts, preds, logits, per_file = [], [], [], []
+def logit_threshold(thres):
+    """The library drops a point when sigmoid(logit) >= thres."""
+    return np.log(thres / (1.0 - thres))
+
+
+class Cell:
+    """Errors of one set of prediction points: per horizon model (drops charged), CV and LS3,
+    plus the stroke-end head's drops."""
+
+    def __init__(self, ds, disp, logit, thres):
+        self.points = len(ds)
+        drop = logit >= logit_threshold(thres)
+        charged = np.where(drop[:, :, None], 0.0, disp)
+        self.err = {"model": np.linalg.norm(charged - ds.disp, axis=2),
+                    "cv": np.linalg.norm(ds.cv - ds.disp, axis=2),
+                    "ls3": np.linalg.norm(ds.ls3 - ds.disp, axis=2)}
+        self.valid = ds.valid
+        self.in_stroke = int(ds.valid.sum())
+        self.dropped_in = int((drop & ds.valid).sum())
+        self.past_end = int((~ds.valid).sum())
+        self.caught = int((drop & ~ds.valid).sum())
+
+    def stats(self, h):
+        """{name: (count, mean, p95)} at horizon index h."""
+        out = {}
+        for name, e in self.err.items():
+            v = e[self.valid[:, h], h]
+            out[name] = (len(v), float(v.mean()) if len(v) else float("nan"),
+                         float(np.percentile(v, 95)) if len(v) else float("nan"))
+        return out
+
+
+def datasets(cfg, files, rates):
+    """{(file name, rate): Dataset}; rate "own" is the recording as it is."""
+    out = {}
     for f in files:
         rec = Recording.load(f)
         for rate in rates:
-            r = rec if rate is None else resample(rec, rate)
-            ds = build(r, cfg)
-            if len(ds) == 0:
-                continue
-            d, e = model_outputs(tfl_path, ds, p)
-            parts.append(ds)
-            preds.append(d)
-            logits.append(e)
-            label = os.path.basename(f) + ("" if rate is None else " @%d Hz" % rate)
-            m = error_table(d, ds, hz)
-            c = error_table(ds.cv, ds, hz)
-            per_file.append("| %s | %d | %s |" % (label, len(ds), " | ".join(
-                "%.3f / %.3f" % (a[2], b[2]) for a, b in zip(m, c))))
-    ds = Dataset.concat(parts)
-    pred = np.concatenate(preds)
-    logit = np.concatenate(logits)
-    table, m, c = format_tables(pred, ds, hz, "%s, all files pooled" % title)
-    wins = all(a[2] < b[2] for a, b in zip(m, c))
-    thres = cfg.stroke_end_thres
-    drop = logit >= np.log(thres / (1.0 - thres))  # the library's sigmoid(logit) >= threshold
-    lines = [table, "",
-             "Model beats constant velocity in mean error at every horizon: %s" % ("yes" if wins else "NO"),
-             "",
-             "Stroke-end head at threshold %.2f: drops %.2f %% of points whose time lies inside the stroke "
-             "and %.1f %% of points past the stroke end." % (
-                 thres, 100 * drop[ds.valid].mean(), 100 * drop[~ds.valid].mean() if (~ds.valid).any() else 0),
-             "", "%s per file, mean error mm model / CV:" % title, "",
-             "| file | points | " + " | ".join("%d ms" % h for h in hz) + " |",
-             "|---|---:|" + "---:|" * p] + per_file
+            r = rec if rate == "own" else resample(rec, float(rate))
+            out[(os.path.basename(f), rate)] = build(r, cfg)
+    return out
+
+
+def sweep(predict, cfg, sets, batches, thres):
+    """{(file, rate, batch): Cell} with the model's outputs on each data set."""
+    cells = {}
+    for (name, rate), ds in sets.items():
+        disp, logit = predict(ds.x)
+        for b in batches:
+            m = ds.batch_mask(b)
+            cells[(name, rate, b)] = Cell(ds.subset(m), disp[m], logit[m], thres)
+    return cells
+
+
+def pooled(cells, keys):
+    """One Cell-like summary over several cells (points pooled)."""
+    class Pool:
+        pass
+    p = Pool()
+    parts = [cells[k] for k in keys]
+    p.points = sum(c.points for c in parts)
+    p.err = {n: np.concatenate([c.err[n] for c in parts]) for n in parts[0].err}
+    p.valid = np.concatenate([c.valid for c in parts])
+    for f in ("in_stroke", "dropped_in", "past_end", "caught"):
+        setattr(p, f, sum(getattr(c, f) for c in parts))
+    p.stats = lambda h: Cell.stats(p, h)
+    return p
+
+
+def ratios(cell, p):
+    """Per horizon: model mean / better baseline mean (below 1 is a win)."""
+    out = []
+    for h in range(p):
+        s = cell.stats(h)
+        if s["model"][0] == 0:
+            continue
+        out.append(s["model"][1] / min(s["cv"][1], s["ls3"][1]))
+    return out
+
+
+def horizon_table(cell, hz, title):
+    lines = ["%s (%d prediction points; %d of %d in-stroke points dropped, %d of %d past-end points caught)" % (
+        title, cell.points, cell.dropped_in, cell.in_stroke, cell.caught, cell.past_end), "",
+        "| horizon ms | points | model mean | CV mean | LS3 mean | model p95 | CV p95 | LS3 p95 |",
+        "|---:|---:|---:|---:|---:|---:|---:|---:|"]
+    for h, ms in enumerate(hz):
+        s = cell.stats(h)
+        lines.append("| %d | %d | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f |" % (
+            ms, s["model"][0], s["model"][1], s["cv"][1], s["ls3"][1], s["model"][2], s["cv"][2], s["ls3"][2]))
     return "\n".join(lines)
+
+
+def grid_table(cells, hz, rows, label):
+    """One line per key: mean mm model / CV / LS3 at every horizon, and the worst ratio."""
+    lines = ["| %s | points | " % label + " | ".join("%d ms model / CV / LS3" % h for h in hz)
+             + " | worst model / best baseline | in-stroke drops | past-end caught |",
+             "|---|---:|" + "---:|" * len(hz) + "---:|---:|---:|"]
+    for name, cell in rows:
+        parts = []
+        for h in range(len(hz)):
+            s = cell.stats(h)
+            parts.append("%.3f / %.3f / %.3f" % (s["model"][1], s["cv"][1], s["ls3"][1]) if s["model"][0] else "-")
+        r = ratios(cell, len(hz))
+        lines.append("| %s | %d | %s | %s | %.3f %% | %.1f %% |" % (
+            name, cell.points, " | ".join(parts), "%.3f" % max(r) if r else "-",
+            100.0 * cell.dropped_in / max(cell.in_stroke, 1), 100.0 * cell.caught / max(cell.past_end, 1)))
+    return "\n".join(lines)
+
+
+def report(predict, cfg, files, rates, batches, title, per_file_batch=4, summary=None):
+    """Markdown: pooled per-horizon table, per rate and batch size, per recording. `summary`, a
+    dict, receives the worst ratio, the losing cells, the pooled last-horizon mean and the drops."""
+    p = cfg.num_predictions
+    hz = [cfg.prediction_time_delta_ms * (k + 1) for k in range(p)]
+    sets = datasets(cfg, files, rates)
+    cells = sweep(predict, cfg, sets, batches, cfg.stroke_end_thres)
+    keys = list(cells)
+    out = [horizon_table(pooled(cells, keys), hz, "%s, everything pooled" % title), ""]
+    by_rate = [("%s, batch %d" % (r if r == "own" else "%s Hz" % r, b),
+                pooled(cells, [k for k in keys if k[1] == r and k[2] == b])) for r in rates for b in batches]
+    out += ["%s, all recordings pooled, per rate and batch size (mean mm):" % title, "",
+            grid_table(cells, hz, by_rate, "rate, batch"), ""]
+    per_file = [("%s @ %s, batch %d" % (k[0], k[1] if k[1] == "own" else "%s Hz" % k[1], k[2]), cells[k])
+                for k in keys if k[2] == per_file_batch]
+    out += ["%s per recording, batches of %d (mean mm):" % (title, per_file_batch), "",
+            grid_table(cells, hz, per_file, "recording"), ""]
+    worst = max((max(ratios(c, p)) for c in cells.values() if ratios(c, p)), default=float("nan"))
+    losing = sum(1 for c in cells.values() for r in ratios(c, p) if r >= 1.0)
+    if summary is not None:
+        everything = pooled(cells, keys)
+        summary.update(worst=worst, losing=losing, last_mean=everything.stats(p - 1)["model"][1],
+                       drops=everything.dropped_in / max(everything.in_stroke, 1),
+                       caught=everything.caught / max(everything.past_end, 1))
+    out.append("Worst model / better-baseline ratio over all %d recording, rate, batch and horizon cells: "
+               "%.3f (%d cells at or above 1)." % (sum(len(ratios(c, p)) for c in cells.values()), worst, losing))
+    return "\n".join(out)
 
 
 def main():
@@ -75,14 +185,16 @@ def main():
     ap.add_argument("files", nargs="+", help="recordings (CSV)")
     ap.add_argument("--config", default=os.path.join(ROOT, "models", "stylus_predictor.json"))
     ap.add_argument("--model", default=None, help="default: the config's model_name beside it")
-    ap.add_argument("--resample", type=float, default=None, help="also evaluate resampled to this rate")
+    ap.add_argument("--rates", default="own", help="comma-separated: own and/or Hz (default: own)")
+    ap.add_argument("--batches", default="4", help="comma-separated batch sizes (default: 4)")
     args = ap.parse_args()
     with open(args.config) as f:
         sec = json.load(f)["PredictionModel"]
     cfg = FeatureConfig(sec)
     model = args.model or os.path.join(os.path.dirname(os.path.abspath(args.config)), sec["model_name"])
-    rates = (None,) if args.resample is None else (None, args.resample)
-    print(report(model, cfg, args.files, rates=rates))
+    rates = [r if r == "own" else float(r) for r in args.rates.split(",")]
+    batches = [int(b) for b in args.batches.split(",")]
+    print(report(tflite_predictor(model, cfg.num_predictions), cfg, args.files, rates, batches, "Results"))
 
 
 if __name__ == "__main__":

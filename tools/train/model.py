@@ -12,54 +12,200 @@ from torch import nn
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tflite"))
 
 ACTIVATIONS = {"relu": nn.ReLU, "tanh": nn.Tanh}
+# Floors that keep the divisions finite: sample gap (ms), least-squares denominator (ms^2), speed (mm/ms).
+MIN_GAP_MS = 0.5
+MIN_LS_DEN = 0.5
+SPEED_EPS = 1e-3
+# Speed (mm/ms) at which the bounded speed feature s / (s + c) is one half.
+SPEED_HALF = 0.05
+POSITION_COLUMNS = (1, 2)
 
 
-class StrokeMLP(nn.Module):
-    """[B, N, 6] rows -> ([B, 2P] displacements in mm, [B, P] stroke-end logits).
+class ResidualPredictor(nn.Module):
+    """[B, N, 6] library rows -> ([B, 2P] displacements in mm, [B, P] stroke-end logits).
 
-    `shift`/`scale` standardise the flattened input during training and are folded
-    into the first layer at export, so the shipped model takes the library's rows.
+    Fixed part (constant weights, exported as such): sample gaps and steps are recovered from
+    the normalised rows, giving per-row velocities, the least-squares velocity of the last three
+    samples (the baseline) and a speed scale S (mean L1 speed over the history). The MLP sees the
+    velocities divided by S (writing size drops out), the rows without their x/y steps, and a
+    bounded speed; its displacement output is a correction in units of S * horizon added to the
+    baseline, so an output of zero means "do what least-squares velocity does".
     """
 
-    def __init__(self, n_hist, hidden, activation, num_predictions, shift, scale):
+    def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
+                 end_hidden=32):
         super().__init__()
-        self.n_in = n_hist * 6
-        self.activation = activation
-        self.register_buffer("shift", torch.as_tensor(shift, dtype=torch.float32))
-        self.register_buffer("scale", torch.as_tensor(scale, dtype=torch.float32))
-        layers, width = [], self.n_in
+        n = self.n = n_hist
+        self.p = num_predictions
+        self.hidden = list(hidden)
+        self.horizons = np.array([delta_ms * (k + 1) for k in range(num_predictions)], np.float64)
+        f = n_hist * 6
+        lo = np.array([r[0] for r in ranges], np.float64)
+        span = np.array([r[1] - r[0] for r in ranges], np.float64)
+        self.consts = {}
+
+        def row_value(col, row):  # affine map flat -> value of column col (denormalised) in row
+            w = np.zeros(f)
+            w[row * 6 + col] = span[col]
+            return w, lo[col]
+
+        def fc(rows):
+            w = np.stack([r[0] for r in rows])
+            b = np.array([r[1] for r in rows])
+            return w, b
+
+        def combo(terms):  # sum of coefficient * row_value
+            w, b = np.zeros(f), 0.0
+            for coef, col, row in terms:
+                rw, rb = row_value(col, row)
+                w += coef * rw
+                b += coef * rb
+            return w, b
+
+        gaps = [row_value(0, i) for i in range(n)]
+        self.consts["gap2"] = fc(gaps + gaps)
+        self.consts["step"] = fc([row_value(1, i) for i in range(n)] + [row_value(2, i) for i in range(n)])
+        # Least squares over the last three samples, with gaps a (older) and b (newer) and steps
+        # d1, d2: v = ((2a + b) d1 + (a + 2b) d2) / (2 (a^2 + ab + b^2)).
+        ra, rb = n - 2, n - 1
+        u = [combo([(2, 0, ra), (1, 0, rb)]), combo([(1, 0, ra), (2, 0, rb)])]
+        self.consts["ls_u"] = fc(u + u + [combo([(1, 0, ra)]), combo([(1, 0, rb)])])
+        self.consts["ls_w"] = fc([combo([(1, 1, ra)]), combo([(1, 1, rb)]), combo([(1, 2, ra)]),
+                                  combo([(1, 2, rb)]), combo([(2, 0, ra), (2, 0, rb)]), combo([(2, 0, rb)])])
+        self.consts["ls_num"] = (np.array([[1, 1, 0, 0, 0, 0], [0, 0, 1, 1, 0, 0]], np.float64), np.zeros(2))
+        self.consts["ls_den"] = (np.array([[0, 0, 0, 0, 1, 1]] * 2, np.float64), np.zeros(2))
+        mean = np.full((1, 2 * n), 1.0 / n)
+        self.consts["speed2n"] = (np.repeat(mean, 2 * n, axis=0), np.full(2 * n, SPEED_EPS))
+        self.consts["speed2"] = (np.repeat(mean, 2, axis=0), np.full(2, SPEED_EPS))
+        self.consts["speed1"] = (mean, np.full(1, SPEED_EPS))
+        self.consts["speed1c"] = (mean, np.full(1, SPEED_EPS + SPEED_HALF))
+        hz = np.repeat(self.horizons, 2)
+        self.consts["speed_h"] = (mean * hz[:, None], SPEED_EPS * hz)
+        base = np.zeros((2 * self.p, 2))
+        base[0::2, 0] = self.horizons
+        base[1::2, 1] = self.horizons
+        self.consts["base"] = (base, np.zeros(2 * self.p))
+        for k, (w, b) in self.consts.items():
+            self.register_buffer("c_%s_w" % k, torch.tensor(w, dtype=torch.float32))
+            self.register_buffer("c_%s_b" % k, torch.tensor(b, dtype=torch.float32))
+        self.mlp_in = 2 * n + 2 + 1 + f
+        mask = np.ones(self.mlp_in, np.float32)
+        for row in range(n if mask_positions else 0):
+            for col in POSITION_COLUMNS:
+                mask[2 * n + 3 + row * 6 + col] = 0.0
+        self.register_buffer("in_mask", torch.tensor(mask))
+        self.register_buffer("in_shift", torch.zeros(self.mlp_in))
+        self.register_buffer("in_scale", torch.ones(self.mlp_in))
+        layers, width = [], self.mlp_in
         for h in hidden:
-            layers += [nn.Linear(width, h), ACTIVATIONS[activation]()]
+            layers.append(nn.Linear(width, h))
             width = h
-        self.body = nn.Sequential(*layers)
-        self.disp = nn.Linear(width, 2 * num_predictions)
-        self.end = nn.Linear(width, num_predictions)
+        self.layers = nn.ModuleList(layers)
+        self.corr = nn.Linear(width, 2 * self.p)
+        nn.init.zeros_(self.corr.weight)
+        nn.init.zeros_(self.corr.bias)
+        # A linear path from the inputs lets the correction express other velocity estimates
+        # (the last step's, a longer least-squares fit) exactly, which ReLU layers only approximate.
+        self.skip = nn.Linear(self.mlp_in, 2 * self.p, bias=False) if linear_skip else None
+        if self.skip is not None:
+            nn.init.zeros_(self.skip.weight)
+        # The stroke-end head has its own hidden layer on the first shared one.
+        self.end_hidden = nn.Linear(hidden[0], end_hidden) if end_hidden else None
+        self.end = nn.Linear(end_hidden if end_hidden else width, self.p)
+
+    def _c(self, name, x):
+        return x @ getattr(self, "c_%s_w" % name).T + getattr(self, "c_%s_b" % name)
+
+    def features(self, x):
+        """(MLP input, baseline displacement, speed per output) of float32 rows [B, N, 6]."""
+        flat = x.reshape(x.shape[0], -1)
+        gap = torch.maximum(self._c("gap2", flat), torch.tensor(MIN_GAP_MS))
+        v = self._c("step", flat) / gap
+        uw = self._c("ls_u", flat) * self._c("ls_w", flat)
+        v_ls = self._c("ls_num", uw) / torch.maximum(self._c("ls_den", uw), torch.tensor(MIN_LS_DEN))
+        absv = torch.maximum(v, v * -1.0)
+        z = torch.cat([v / self._c("speed2n", absv), v_ls / self._c("speed2", absv),
+                       self._c("speed1", absv) / self._c("speed1c", absv), flat], dim=1)
+        return z, self._c("base", v_ls), self._c("speed_h", absv)
+
+    def head(self, z, base, speed_h):
+        zs = (z - self.in_shift) * self.in_scale * self.in_mask
+        h = zs
+        first = None
+        for lin in self.layers:
+            h = torch.relu(lin(h))
+            first = h if first is None else first
+        corr = self.corr(h)
+        if self.skip is not None:
+            corr = corr + self.skip(zs)
+        e = self.end(torch.relu(self.end_hidden(first))) if self.end_hidden is not None else self.end(h)
+        return base + corr * speed_h, e
 
     def forward(self, x):
-        z = self.body((x.reshape(x.shape[0], -1) - self.shift) * self.scale)
-        return self.disp(z), self.end(z)
+        return self.head(*self.features(x))
 
-    def export_layers(self):
-        """(hidden, heads) as float32 arrays for write_mlp, standardisation folded in."""
-        linears = [m for m in self.body if isinstance(m, nn.Linear)]
-        hidden = []
-        for i, lin in enumerate(linears):
+    def set_standardisation(self, z):
+        """Robust shift and scale of the MLP inputs (folded into the first layer at export)."""
+        z = z.numpy()
+        lo, hi = np.percentile(z, [1, 99], axis=0)
+        self.in_shift.copy_(torch.tensor(np.median(z, axis=0), dtype=torch.float32))
+        self.in_scale.copy_(torch.tensor(2.0 / np.maximum(hi - lo, 1e-3), dtype=torch.float32))
+
+    def parameter_count(self):
+        """Stored float parameters of the exported file (constants included)."""
+        fixed = sum(w.size + b.size for w, b in self.consts.values())
+        learned = sum(p.numel() for p in self.parameters())
+        return learned, fixed
+
+    def export(self, path):
+        from tflite_writer import GraphBuilder
+        g = GraphBuilder(self.n, 6)
+
+        def fc(name, src, act="none"):
+            w, b = self.consts[name]
+            return g.fully_connected(name, src, w, b, act)
+
+        def full(name, value, width):
+            return g.constant(name, np.full(width, value))
+
+        n2 = 2 * self.n
+        gap = g.binary("maximum", "gap_floor", fc("gap2", g.flat), full("min_gap", MIN_GAP_MS, n2))
+        v = g.binary("div", "velocity", fc("step", g.flat), gap)
+        uw = g.binary("mul", "ls_terms", fc("ls_u", g.flat), fc("ls_w", g.flat))
+        den = g.binary("maximum", "ls_den_floor", fc("ls_den", uw), full("min_ls_den", MIN_LS_DEN, 2))
+        v_ls = g.binary("div", "ls_velocity", fc("ls_num", uw), den)
+        absv = g.binary("maximum", "abs_velocity", v, g.binary("mul", "neg_velocity", v, full("minus_one", -1.0, n2)))
+        z = g.concatenation("mlp_input", [
+            g.binary("div", "velocity_rel", v, fc("speed2n", absv)),
+            g.binary("div", "ls_velocity_rel", v_ls, fc("speed2", absv)),
+            g.binary("div", "speed_bounded", fc("speed1", absv), fc("speed1c", absv)),
+            g.flat])
+        scale = (self.in_scale * self.in_mask).double().numpy()
+        shift = self.in_shift.double().numpy()
+        def folded(w, b):  # standardisation folded into a layer that reads z
+            return w * scale[None, :], b - w @ (shift * scale)
+
+        h = z
+        first = None
+        for i, lin in enumerate(self.layers):
             w = lin.weight.detach().double().numpy()
             b = lin.bias.detach().double().numpy()
             if i == 0:
-                s = self.scale.double().numpy()
-                b = b - w @ (self.shift.double().numpy() * s)
-                w = w * s[None, :]
-            hidden.append((w.astype(np.float32), b.astype(np.float32), self.activation))
-        heads = [(h.weight.detach().numpy().astype(np.float32), h.bias.detach().numpy().astype(np.float32))
-                 for h in (self.disp, self.end)]
-        return hidden, heads
-
-
-def export_tflite(model, path, n_hist):
-    from tflite_writer import write_mlp
-    hidden, heads = model.export_layers()
-    write_mlp(path, n_hist, hidden, heads, input_features=6)
+                w, b = folded(w, b)
+            h = g.fully_connected("hidden%d" % i, h, w, b, "relu")
+            first = h if first is None else first
+        corr = g.fully_connected("correction", h, self.corr.weight.detach().numpy(), self.corr.bias.detach().numpy())
+        if self.skip is not None:
+            w, b = folded(self.skip.weight.detach().double().numpy(), np.zeros(2 * self.p))
+            corr = g.binary("add", "correction_total", corr, g.fully_connected("correction_linear", z, w, b))
+        end_src = h
+        if self.end_hidden is not None:
+            end_src = g.fully_connected("end_hidden", first, self.end_hidden.weight.detach().numpy(),
+                                        self.end_hidden.bias.detach().numpy(), "relu")
+        out0 = g.binary("add", "output0", fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
+        out1 = g.fully_connected("output1", end_src, self.end.weight.detach().numpy(), self.end.bias.detach().numpy())
+        g.write(path, [out0, out1])
+        return sorted({"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"})
 
 
 # --- Reading the .tflite back: enough of the schema to run a fully connected graph.
@@ -96,7 +242,9 @@ def _scalar(t, slot, fmt, default):
 
 
 def load_tflite(path):
-    """Parses a RESHAPE + FULLY_CONNECTED graph into numpy layers (W, b, activation code)."""
+    """Parses the graph into (operators, constant getter, output tensors, input tensor).
+
+    Each operator is (builtin code, inputs, outputs, fused activation, concatenation axis)."""
     buf = bytearray(open(path, "rb").read())
     if buf[4:8] != b"TFL3":
         raise ValueError("not a TFLite file")
@@ -110,34 +258,72 @@ def load_tflite(path):
     tensors = []
     for t in _tables(sub, 0):
         tensors.append((_vector(t, 0, "i", 4), _scalar(t, 2, "I", 0)))
+    inputs = _vector(sub, 1, "i", 4)
     outputs = _vector(sub, 2, "i", 4)
     ops = []
     for op in _tables(sub, 3):
         code = opcodes[_scalar(op, 0, "I", 0)]
         ins, outs = _vector(op, 1, "i", 4), _vector(op, 2, "i", 4)
-        act = 0
+        act, axis = 0, 0
         opt = _field(op, 4)
         if opt:
-            act = _scalar(_table(buf, op.Indirect(op.Pos + opt)), 0, "b", 0)
-        ops.append((code, ins, outs, act))
+            table = _table(buf, op.Indirect(op.Pos + opt))
+            if code == _CONCATENATION:
+                axis, act = _scalar(table, 0, "i", 0), _scalar(table, 1, "b", 0)
+            elif code != _RESHAPE:
+                act = _scalar(table, 0, "b", 0)
+        ops.append((code, ins, outs, act, axis))
 
     def const(i):
         shape, b = tensors[i]
-        return np.frombuffer(buffers[b], dtype="<f4").reshape(shape)
-    return ops, const, outputs
+        return np.frombuffer(buffers[b], dtype="<f4").reshape(shape) if buffers[b] else None
+    return ops, const, outputs, inputs[0]
+
+
+_ADD, _CONCATENATION, _FULLY_CONNECTED, _LOGISTIC, _MUL, _RESHAPE = 0, 2, 9, 14, 18, 22
+_SUB, _DIV, _MAXIMUM, _MINIMUM = 41, 42, 55, 57
+_BINARY = {_ADD: np.add, _SUB: np.subtract, _MUL: np.multiply, _DIV: np.divide,
+           _MAXIMUM: np.maximum, _MINIMUM: np.minimum}
+_FUSED = {0: lambda v: v, 1: lambda v: np.maximum(v, 0), 2: lambda v: np.clip(v, -1, 1),
+          3: lambda v: np.clip(v, 0, 6), 4: np.tanh}
+OPERATOR_NAMES = {_ADD: "ADD", _CONCATENATION: "CONCATENATION", _FULLY_CONNECTED: "FULLY_CONNECTED",
+                  _LOGISTIC: "LOGISTIC", _MUL: "MUL", _RESHAPE: "RESHAPE", _SUB: "SUB", _DIV: "DIV",
+                  _MAXIMUM: "MAXIMUM", _MINIMUM: "MINIMUM"}
+
+
+def tflite_operators(path):
+    """Names of the operators the file uses, sorted."""
+    return sorted({OPERATOR_NAMES.get(op[0], str(op[0])) for op in load_tflite(path)[0]})
 
 
 def tflite_forward(path, x):
-    """Runs the exported graph on float32 [B, N, 6] rows; returns the outputs in order."""
-    ops, const, outputs = load_tflite(path)
-    values = {}
-    acts = {0: lambda v: v, 1: lambda v: np.maximum(v, 0), 4: np.tanh}
-    for code, ins, outs, act in ops:
-        if code == 22:  # RESHAPE of the model input
-            values[outs[0]] = x.reshape(x.shape[0], -1).astype(np.float32)
-        elif code == 9:  # FULLY_CONNECTED
-            w, b = const(ins[1]), const(ins[2])
-            values[outs[0]] = acts[act](values[ins[0]] @ w.T + b).astype(np.float32)
-        else:
-            raise ValueError("unexpected operator %d" % code)
+    """Runs the exported graph in float32 on rows [B, N, 6] (the batch dimension replaces the
+    file's 1); returns the outputs in order."""
+    ops, const, outputs, source = load_tflite(path)
+    values = {source: np.asarray(x, np.float32)}
+
+    def value(i):
+        if i in values:
+            return values[i]
+        c = const(i)
+        if c is None:
+            raise ValueError("tensor %d used before it is computed" % i)
+        return c
+
+    with np.errstate(divide="ignore", invalid="ignore"):
+        for code, ins, outs, act, axis in ops:
+            if code == _RESHAPE:
+                r = value(ins[0]).reshape(x.shape[0], -1)
+            elif code == _FULLY_CONNECTED:
+                r = value(ins[0]) @ const(ins[1]).T + const(ins[2])
+            elif code in _BINARY:
+                r = _BINARY[code](value(ins[0]), value(ins[1]))
+            elif code == _CONCATENATION:
+                parts = [value(i) for i in ins]
+                r = np.concatenate([np.broadcast_to(p, (x.shape[0],) + p.shape[1:]) for p in parts], axis=axis)
+            elif code == _LOGISTIC:
+                r = 1.0 / (1.0 + np.exp(-value(ins[0])))
+            else:
+                raise ValueError("unexpected operator %d" % code)
+            values[outs[0]] = _FUSED[act](r).astype(np.float32)
     return [values[o] for o in outputs]

@@ -15,21 +15,37 @@ from features import PEN_DOWN, PEN_UP, recording_histories
 class Dataset:
     """Arrays of one or more recordings, aligned on prediction points."""
 
-    def __init__(self, x, disp, valid, end, cv, dt_last):
+    FIELDS = ("x", "disp", "valid", "end", "cv", "ls3", "dt_last", "pos", "up")
+
+    def __init__(self, x, disp, valid, end, cv, ls3, dt_last, pos, up):
         self.x = x            # float32 [K, N, 6] model input rows
         self.disp = disp      # float32 [K, P, 2] true displacement, mm
         self.valid = valid    # bool [K, P] displacement target exists
         self.end = end        # float32 [K, P] stroke ended before that time
         self.cv = cv          # float32 [K, P, 2] constant-velocity displacement, mm
+        self.ls3 = ls3        # float32 [K, P, 2] least-squares velocity (last 3 samples), mm
         self.dt_last = dt_last  # float32 [K] last sample gap, ms
+        self.pos = pos        # int64 [K] index of the newest sample in its stroke (pen-down = 0)
+        self.up = up          # int64 [K] index of the stroke's pen-up sample in the stroke
 
     def __len__(self):
         return len(self.x)
 
     @classmethod
     def concat(cls, parts):
-        return cls(*(np.concatenate([getattr(p, f) for p in parts])
-                     for f in ("x", "disp", "valid", "end", "cv", "dt_last")))
+        return cls(*(np.concatenate([getattr(p, f) for p in parts]) for f in cls.FIELDS))
+
+    def subset(self, sel):
+        return Dataset(*(getattr(self, f)[sel] for f in self.FIELDS))
+
+    def batch_mask(self, batch_size):
+        """Points where the library predicts when a host sends batches of batch_size samples.
+
+        Batches start at the pen-down and the pen-up closes its batch (as stylus-replay cuts
+        them); the library predicts from the newest sample of each batch, and a batch holding
+        the pen-up carries only the boundary (its other samples are discarded)."""
+        b = batch_size
+        return ((self.pos + 1) % b == 0) & (self.pos // b != self.up // b)
 
 
 def stroke_extent(rec):
@@ -65,8 +81,9 @@ def build(rec, cfg):
     disp = np.zeros((k, p, 2))
     valid = np.zeros((k, p), dtype=bool)
     # Interpolate stroke by stroke (timestamps are strictly increasing inside one).
-    for a in np.unique(first[sample]):
-        sel = np.flatnonzero(first[sample] == a)
+    starts, begin, count = np.unique(first[sample], return_index=True, return_counts=True)
+    for a, s0, c in zip(starts, begin, count):  # samples are in recording order
+        sel = np.arange(s0, s0 + c)
         b = last[sample[sel[0]]]
         ts, xs, ys = t[a:b + 1], x[a:b + 1], y[a:b + 1]
         i = sample[sel]
@@ -81,8 +98,29 @@ def build(rec, cfg):
     ratio = horizons[None, :] / dt_last[:, None]
     cv = np.stack([(x[sample] - x[prev])[:, None] * ratio,
                    (y[sample] - y[prev])[:, None] * ratio], axis=2) * mm
+    ls3 = ls3_velocity(t, x, y, sample, first)[:, None, :] * horizons[None, :, None] * mm
     return Dataset(hist, disp.astype(np.float32), valid, (~valid).astype(np.float32),
-                   cv.astype(np.float32), dt_last.astype(np.float32))
+                   cv.astype(np.float32), ls3.astype(np.float32), dt_last.astype(np.float32),
+                   sample - first[sample], last[sample] - first[sample])
+
+
+def ls3_velocity(t, x, y, sample, first):
+    """Least-squares velocity (px/ms) over the last 3 samples the library has seen of the stroke
+    (the pen-down sample only marks the boundary); over 2 samples it is the constant velocity,
+    over 1 (or no time span) zero."""
+    seen = sample - first[sample]  # samples seen, the newest included
+    v = np.zeros((len(sample), 2))
+    for count in (3, 2):
+        sel = np.flatnonzero(np.minimum(seen, 3) == count)
+        idx = sample[sel, None] - np.arange(count - 1, -1, -1)[None, :]
+        tc = t[idx] - t[idx].mean(axis=1, keepdims=True)
+        den = (tc ** 2).sum(axis=1)
+        ok = den > 0
+        for c, arr in enumerate((x, y)):
+            xs = arr[idx]
+            num = (tc * (xs - xs.mean(axis=1, keepdims=True))).sum(axis=1)
+            v[sel[ok], c] = num[ok] / den[ok]
+    return v
 
 
 def error_table(pred, ds, horizons_ms):
