@@ -3,13 +3,13 @@
 #include <benchmark/benchmark.h>
 #include <time.h>
 
-#include <cmath>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "CirclingPen.h"
 #include "GeneratedModel.h"
 #include "ModelPredictor.h"
 #include "TempDir.h"
@@ -53,16 +53,7 @@ std::vector<Batch> makeBatches() {
     uint64_t timestamp = 1000;
     for (size_t b = 0; b < kBatchCount; ++b) {
         for (int i = 0; i < kBatchSize; ++i) {
-            const float angle = 0.01f * static_cast<float>(b * kBatchSize + i);
-            StylusTouchPoint s{};
-            s.timestamp = timestamp;
-            s.x_pos = 800.0f + 300.0f * std::cos(angle);
-            s.y_pos = 1200.0f + 300.0f * std::sin(angle);
-            s.pressure = 0.5f + 0.1f * std::sin(3 * angle);
-            s.tilt = 0.3f;
-            s.orientation = 0.1f * std::cos(angle);
-            s.tag = STYLUS_TAG_MOVE;
-            batches[b][timestamp] = s;
+            batches[b][timestamp] = testkit::circlingPen(timestamp, 0.01f * static_cast<float>(b * kBatchSize + i));
             timestamp += 4;
         }
     }

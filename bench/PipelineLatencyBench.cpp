@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "StylusStrokePredictor.h"
+#include "CirclingPen.h"
 #include "GeneratedModel.h"
 #include "TempDir.h"
 
@@ -86,14 +87,8 @@ std::vector<std::vector<StylusTouchPoint>> makeStroke(size_t batches) {
     for (auto& batch : stroke) {
         batch.resize(kBatchSize);
         for (auto& sample : batch) {
-            const float angle = 0.01f * static_cast<float>(k);
-            sample = StylusTouchPoint{};
-            sample.timestamp = 1000 + static_cast<uint64_t>(static_cast<double>(k) * 1000.0 / kPenRateHz);
-            sample.x_pos = 800.0f + 300.0f * std::cos(angle);
-            sample.y_pos = 1200.0f + 300.0f * std::sin(angle);
-            sample.pressure = 0.5f + 0.1f * std::sin(3 * angle);
-            sample.tilt = 0.3f;
-            sample.orientation = 0.1f * std::cos(angle);
+            sample = testkit::circlingPen(1000 + static_cast<uint64_t>(static_cast<double>(k) * 1000.0 / kPenRateHz),
+                                          0.01f * static_cast<float>(k));
             sample.tag = k == 0 ? STYLUS_TAG_PEN_DOWN : STYLUS_TAG_MOVE;
             ++k;
         }

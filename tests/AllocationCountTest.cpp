@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -18,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "CirclingPen.h"
 #include "StylusStrokePredictor.h"
 #include "TestSupport.h"
 #include "velmar/Log.h"
@@ -128,13 +128,8 @@ std::vector<StylusTouchPoint> batch(int index) {
     std::vector<StylusTouchPoint> samples(kBatchSize);
     for (int i = 0; i < kBatchSize; ++i) {
         const int k = index * kBatchSize + i;
-        const float angle = 0.01f * static_cast<float>(k);
         StylusTouchPoint& s = samples[static_cast<size_t>(i)];
-        s = StylusTouchPoint{};
-        s.timestamp = 1000 + static_cast<uint64_t>(k) * 4;
-        s.x_pos = 800.0f + 300.0f * std::cos(angle);
-        s.y_pos = 1200.0f + 300.0f * std::sin(angle);
-        s.pressure = 0.5f;
+        s = testkit::circlingPen(1000 + static_cast<uint64_t>(k) * 4, 0.01f * static_cast<float>(k));
         s.tag = k == 0 ? STYLUS_TAG_PEN_DOWN : STYLUS_TAG_MOVE;
     }
     return samples;

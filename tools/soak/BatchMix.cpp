@@ -1,9 +1,10 @@
 #include "BatchMix.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <set>
+
+#include "CirclingPen.h"
 
 namespace soak {
 
@@ -34,17 +35,9 @@ const char* kindName(BatchKind kind) {
 BatchMix::BatchMix(uint32_t seed) : random(seed), pick(std::begin(kWeights), std::end(kWeights)) {}
 
 StylusTouchPoint BatchMix::move() {
-    StylusTouchPoint point{};
     clock += kSampleStepMs;
     angle += 0.02f;
-    point.timestamp = clock;
-    point.x_pos = 800.0f + 300.0f * std::cos(angle);
-    point.y_pos = 1200.0f + 300.0f * std::sin(angle);
-    point.pressure = 0.5f + 0.2f * std::sin(3.0f * angle);
-    point.tilt = 0.3f;
-    point.orientation = 0.1f * std::cos(angle);
-    point.tag = STYLUS_TAG_MOVE;
-    return point;
+    return testkit::circlingPen(clock, angle, 0.2f);
 }
 
 void BatchMix::good(Batch& batch) {
