@@ -1,19 +1,17 @@
 #include "RestartPhase.h"
 
-#include <unistd.h>
-
 // The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include <boost/property_tree/json_parser.hpp>
 #include <chrono>
 #include <cmath>
 #include <exception>
-#include <fstream>
 #include <random>
 #include <thread>
 #include <vector>
 
 #include "RecordingCount.h"
+#include "ResidentMemory.h"
 #include "StylusLibHandle.h"
 
 namespace soak {
@@ -47,14 +45,6 @@ constexpr uint64_t kSampleStepMs = 4;
 constexpr int kSamplesPerBatch = 4;
 constexpr int kStrokeBatches = 50;
 constexpr uint64_t kSteps[] = {1, 2, 5, 40, 1000};  // how far a batch goes back, in ms
-
-double residentMiB() {
-    std::ifstream statm("/proc/self/statm");
-    long long size = 0;
-    long long resident = 0;
-    statm >> size >> resident;
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
-}
 
 }  // namespace
 

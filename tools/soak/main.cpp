@@ -3,7 +3,6 @@
 // configurations and batches going back in time. Reports what went in, what came out, the resident
 // memory over the runs, and whether every sample the recorder accepted was either written or
 // reported lost. Exit status 0 when every check holds.
-#include <unistd.h>
 
 // The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
@@ -28,6 +27,7 @@
 
 #include "BatchMix.h"
 #include "RecordingCount.h"
+#include "ResidentMemory.h"
 #include "RestartPhase.h"
 #include "SoakOptions.h"
 #include "StylusLibHandle.h"
@@ -44,14 +44,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kKinds = static_cast<int>(soak::BatchKind::Count);
 constexpr int kNumPredictionsLimit = 1024;  // sanity bound on a delivered prediction count
-
-double residentMiB() {
-    std::ifstream statm("/proc/self/statm");
-    long long size = 0;
-    long long resident = 0;
-    statm >> size >> resident;
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
-}
 
 // What the host callbacks saw.
 std::atomic<uint64_t> g_predictions{0};
@@ -186,10 +178,10 @@ int run(const soak::SoakOptions& options) {
     boost::property_tree::write_json(config, tree);
 
     g_log.install();
-    const double rssBeforeInit = residentMiB();
+    const double rssBeforeInit = soak::residentMiB();
     const StylusPredictionParams params{config.c_str(), &onPredictions, &onInputPoints};
     StylusLibHandle* handle = InitStylusLib(&params);
-    const double rssAfterInit = residentMiB();
+    const double rssAfterInit = soak::residentMiB();
 
     std::atomic<uint64_t> claimed{0};
     std::atomic<uint64_t> finished{0};
@@ -233,7 +225,7 @@ int run(const soak::SoakOptions& options) {
             (void)areAllInputPointsProcessed(handle);
             ++queries;
         }
-        rssAtTenth.push_back(residentMiB());
+        rssAtTenth.push_back(soak::residentMiB());
     }
     for (auto& sender : senders) {
         sender.join();
@@ -242,7 +234,7 @@ int run(const soak::SoakOptions& options) {
     while (areAllInputPointsProcessed(handle) == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    const double rssEnd = residentMiB();
+    const double rssEnd = soak::residentMiB();
     const int numPredictions = numPredictedPoints(handle);
     handle->impl->stop();
     const RecorderCounts recorder = handle->impl->recorderCounts();
