@@ -17,6 +17,7 @@
 #include "JsonSummary.h"
 #include "PredictionCsv.h"
 #include "PredictionEvaluator.h"
+#include "RecordingFormat.h"
 #include "RecordingReader.h"
 #include "RecordingWriter.h"
 #include "ReplayConfig.h"
@@ -46,7 +47,7 @@ std::string errorOf(const std::string& path) {
     return "(no error)";
 }
 
-const std::string header = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n";
+const std::string header = recordingformat::kHeaderLine;
 
 }  // namespace
 
@@ -345,8 +346,8 @@ TEST(RecordingReaderTest, ReadsWhatTheRecorderWritesByteForByte) {
               std::make_tuple(p.timestamp, p.pressure, p.orientation, -0.25f, -1));
 
     // Windows line ends, blank lines, spaces around fields and equal timestamps are accepted.
-    testsupport::writeFile(dir.file("b.csv"), "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\r\n"
-                                              "5, 1.5 ,2,0,0,0,0\r\n\r\n5,1e1,2,0,0,0,2\r\n");
+    testsupport::writeFile(dir.file("b.csv"), std::string(recordingformat::kHeader) +
+                                                  "\r\n5, 1.5 ,2,0,0,0,0\r\n\r\n5,1e1,2,0,0,0,2\r\n");
     const Recording loose = RecordingReader::read(dir.file("b.csv"));
     ASSERT_EQ(loose.samples.size(), 2u);
     EXPECT_EQ(std::make_pair(loose.samples[0].x_pos, loose.samples[1].x_pos), std::make_pair(1.5f, 10.0f));
