@@ -12,14 +12,23 @@ namespace {
 
 using Buffer = CircularBuffer<StylusModelInputFeatures>;
 
-StylusModelInputFeatures row(float v) { return {v, v + 0.5f, -v, v * 2, v + 1, v - 1}; }
+// Every column of row(v) differs, so that a column moved or dropped shows.
+StylusModelInputFeatures row(float v) {
+    StylusModelInputFeatures features{};
+    for (std::size_t i = 0; i < styluspipeline::kInputFeatureCount; ++i) {
+        features.*styluspipeline::kInputFeatureColumns[i] = v + 0.5f * static_cast<float>(i);
+    }
+    return features;
+}
 
 // Row values of the buffer, oldest first; a zero-filled row reads as 0 and row(v) as v.
 std::vector<float> contents(const Buffer& buffer) {
     std::vector<float> values;
     for (uint32_t i = 0; i < buffer.size(); ++i) {
         const float v = buffer[i].timestamp;
-        EXPECT_EQ(styluspipeline::featureValues(buffer[i]), styluspipeline::featureValues(v == 0 ? StylusModelInputFeatures{} : row(v))) << "row " << i;
+        EXPECT_EQ(styluspipeline::featureValues(buffer[i]),
+                  styluspipeline::featureValues(v == 0 ? StylusModelInputFeatures{} : row(v)))
+            << "row " << i;
         values.push_back(v);
     }
     return values;
