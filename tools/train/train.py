@@ -20,6 +20,7 @@ import time
 import numpy as np
 import torch
 
+import card_tables
 import evaluate
 from features import FEATURES, PEN_DOWN, FeatureConfig, Recording, resample
 from model import ResidualPredictor, tflite_forward, tflite_operators
@@ -289,7 +290,9 @@ def main():
                     help="compare candidate settings on validation (default: all of %s)" % ", ".join(CANDIDATES))
     ap.add_argument("--out", default=MODELS, help="output directory (default: models/)")
     ap.add_argument("--epochs", type=int, help="override the epoch count (quick trials)")
-    ap.add_argument("--no-eval", action="store_true", help="leave the evaluation tables out of the card")
+    ap.add_argument("--eval-json", metavar="FILE",
+                    help="the evaluation section of the card: a stylus-replay --json summary of the evaluation set "
+                         "(without it the card has none)")
     ap.add_argument("--state", help="also save the trained network (torch state) here")
     ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
@@ -314,7 +317,7 @@ def main():
             f.write("\n")
         tfl_path = os.path.join(args.out, "stylus_predictor.tflite")
         model.export(tfl_path)
-        write_card(model, s, tfl_path, saved["train_s"], with_eval=not args.no_eval)
+        write_card(model, s, tfl_path, saved["train_s"], args.eval_json)
         return
     if args.select is not None:
         select(s, args.select or list(CANDIDATES))
@@ -336,10 +339,10 @@ def main():
     model.export(tfl_path)
     if args.state:
         torch.save({"settings": s, "state": model.state_dict(), "train_s": train_s}, args.state)
-    write_card(model, s, tfl_path, train_s, with_eval=not args.no_eval)
+    write_card(model, s, tfl_path, train_s, args.eval_json)
 
 
-def write_card(model, s, tfl_path, train_s, with_eval=True):
+def write_card(model, s, tfl_path, train_s, eval_json=None):
     cfg = FeatureConfig(model_section(s))
     # The exported file must compute what the trained network computes: the float32 file and
     # the float32 network are both compared with a float64 run of the network.
@@ -356,11 +359,12 @@ def write_card(model, s, tfl_path, train_s, with_eval=True):
     val = [f for f in file_list("train") if os.path.basename(f) in VALIDATION]
     summary = {}
     parts = ["### Validation writers, resampled to 100-600 Hz, batches of 1-8\n\n"
+             + "Computed by `evaluate.py` (the training code's rows, bit for bit the library's, through the .tflite file).\n\n"
              + evaluate.report(predict, cfg, val, VAL_RATES, VAL_BATCHES, "Validation", summary=summary)]
-    if with_eval:
-        ev = [f for f in file_list("eval") if os.path.basename(f) not in EVAL_DUPLICATES]
-        parts.append("### Evaluation (native rates, measured once at the end)\n\n"
-                     + evaluate.report(predict, cfg, ev, ("own",), VAL_BATCHES, "Evaluation"))
+    if eval_json:
+        with open(eval_json) as f:
+            replay = json.load(f)
+        parts.append(EVAL_SECTION + card_tables.single_report(replay, "drops_charged", "Evaluation"))
     report = "\n\n".join(parts)
     print(report)
     final_row = FINAL_ROW.format(
@@ -373,8 +377,14 @@ def write_card(model, s, tfl_path, train_s, with_eval=True):
                      tflite_operators(tfl_path), SELECTION_NOTES.format(final_row=final_row))
 
 
-# The 240 Hz copy of fda handwrit repeats the native recording; counted once.
-EVAL_DUPLICATES = ("fda_handwrit_jr_240hz.csv",)
+EVAL_SECTION = """### Evaluation (stylus-replay, native rates, batches of 4, measured once at the end)
+
+Measured by the library itself: `stylus-replay --batch-size 4 --json` on the seven distinct
+evaluation recordings (the 240 Hz copy of fda handwrit left out), tables rendered by
+`tools/train/card_tables.py`. Figures are on the points where the model and both baselines
+predict, plus the model's drops inside a stroke charged as "no prediction".
+
+"""
 
 
 def datasets_probe(cfg):
@@ -535,6 +545,9 @@ Retrain (rewrites `models/` and this card; data from `{data}` or `$STYLUS_DATA`)
 
 Compare candidate settings on the validation writers: `tools/train/train.py --select [NAME ...]`.
 Tables for any recordings: `tools/train/evaluate.py FILE.csv ... [--rates own,100,600] [--batches 1,4]`.
+The evaluation section is rendered from a replay: `stylus-replay --batch-size 4 --json eval.json
+EVAL.csv ...`, then `tools/train/train.py --card-from STATE --eval-json eval.json` (or
+`tools/train/card_tables.py eval.json` for the tables alone).
 
 ## Results
 
