@@ -105,12 +105,13 @@ def sweep_report(summaries, labels, points):
             + " | %d ms p95 model / LS3 / CV | worst ratio | losing cells | dropped in stroke | dropped past end |"
             % hs[-1])
     rows = [head, "|---|---:|" + "---:|" * (len(hs) + 5)]
-    worst_all, losing_all, cells_all = 0.0, 0, 0
+    worst_all, losing_all, cells_all = None, 0, 0
     for summary, label in zip(summaries, labels):
         ratios = list(cells(summary, points))
         worst = max(ratios) if ratios else None
         lose = sum(1 for x in ratios if x >= 1.0)
-        worst_all = max(worst_all, worst or 0.0)
+        if worst is not None:
+            worst_all = worst if worst_all is None else max(worst_all, worst)
         losing_all += lose
         cells_all += len(ratios)
         means = [" / ".join(fmt(point_set(h, points)[k]["mean_mm"]) for k, _ in PREDICTORS)
