@@ -99,6 +99,14 @@ def cells(summary, points):
             yield ps["model"]["mean_mm"] / min(base)
 
 
+def pooled_mean(summaries, i, points, key):
+    """The mean over the points of every summary at horizon i (each point weighs the same)."""
+    pairs = [(point_set(s["horizons"][i], points)[key]["mean_mm"], point_set(s["horizons"][i], points)[key]["count"])
+             for s in summaries]
+    total = sum(c for m, c in pairs if m is not None)
+    return sum(m * c for m, c in pairs if m is not None) / total if total else None
+
+
 def sweep_report(summaries, labels, points):
     hs = [h["ms"] for h in summaries[0]["horizons"]]
     head = ("| replay | points | " + " | ".join("%d ms model / LS3 / CV" % ms for ms in hs)
@@ -121,6 +129,10 @@ def sweep_report(summaries, labels, points):
             label, last["count"], " | ".join(means),
             " / ".join(fmt(last[k]["p95_mm"]) for k, _ in PREDICTORS), fmt(worst), lose, len(ratios),
             summary["counts"]["dropped_inside_stroke"], summary["counts"]["dropped_past_end"]))
+    rows.append("| all replays pooled | %d | %s | | | | | |" % (
+        sum(point_set(s["horizons"][-1], points)["count"] for s in summaries),
+        " | ".join(" / ".join(fmt(pooled_mean(summaries, i, points, k)) for k, _ in PREDICTORS)
+                   for i in range(len(hs)))))
     rows.append("")
     rows.append("Pooled figures per replay. Worst ratio of the model's mean to the better baseline's over every "
                 "recording x horizon cell of every replay: %s; cells where the model is not better: %d of %d."
@@ -140,7 +152,7 @@ def main(argv=None):
     ap.add_argument("--points", choices=("drops_charged", "predicted_by_all"), default="drops_charged")
     ap.add_argument("--title", default="Replay")
     ap.add_argument("--sweep-only", action="store_true", help="with several files, only the one-line-per-file table")
-    args = ap.parse_args(argv)
+    args = ap.parse_intermixed_args(argv)
     summaries = []
     for p in args.json:
         with open(p) as f:

@@ -90,6 +90,12 @@ class CardTablesTest(unittest.TestCase):
         self.assertIn("over every recording x horizon cell of every replay: 1.500; "
                       "cells where the model is not better: 2 of 6.", text)
 
+    def test_all_replays_pooled_weighs_every_point(self):
+        a = self.write("a.json", summary(1, [("a.csv", WINS, 0, 0)]))
+        b = self.write("b.json", summary(1, [("b.csv", LOSES, 0, 0)]))
+        text = run("--sweep-only", a, b)
+        self.assertIn("| all replays pooled | 20 | 0.200 / 0.300 / 0.250 | 0.450 / 0.500 / 0.600 |", text)
+
     def test_missing_figures_are_dashes_and_no_cell(self):
         empty = [horizon(4, (None, None), (0.2, 0.6), (0.3, 0.7))]
         a = self.write("a.json", summary(4, [("a.csv", empty, 0, 0)]))

@@ -293,6 +293,8 @@ def main():
     ap.add_argument("--eval-json", metavar="FILE",
                     help="the evaluation section of the card: a stylus-replay --json summary of the evaluation set "
                          "(without it the card has none)")
+    ap.add_argument("--replay-validation", metavar="FILE",
+                    help="tables of tools/train/replay_validation.py for the card's validation section")
     ap.add_argument("--state", help="also save the trained network (torch state) here")
     ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
@@ -317,7 +319,7 @@ def main():
             f.write("\n")
         tfl_path = os.path.join(args.out, "stylus_predictor.tflite")
         model.export(tfl_path)
-        write_card(model, s, tfl_path, saved["train_s"], args.eval_json)
+        write_card(model, s, tfl_path, saved["train_s"], args.eval_json, args.replay_validation)
         return
     if args.select is not None:
         select(s, args.select or list(CANDIDATES))
@@ -339,10 +341,10 @@ def main():
     model.export(tfl_path)
     if args.state:
         torch.save({"settings": s, "state": model.state_dict(), "train_s": train_s}, args.state)
-    write_card(model, s, tfl_path, train_s, args.eval_json)
+    write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation)
 
 
-def write_card(model, s, tfl_path, train_s, eval_json=None):
+def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=None):
     cfg = FeatureConfig(model_section(s))
     # The exported file must compute what the trained network computes: the float32 file and
     # the float32 network are both compared with a float64 run of the network.
@@ -361,6 +363,9 @@ def write_card(model, s, tfl_path, train_s, eval_json=None):
     parts = ["### Validation writers, resampled to 100-600 Hz, batches of 1-8\n\n"
              + "Computed by `evaluate.py` (the training code's rows, bit for bit the library's, through the .tflite file).\n\n"
              + evaluate.report(predict, cfg, val, VAL_RATES, VAL_BATCHES, "Validation", summary=summary)]
+    if replay_validation:
+        with open(replay_validation) as f:
+            parts.append(VALIDATION_REPLAY_SECTION + f.read().strip())
     if eval_json:
         with open(eval_json) as f:
             replay = json.load(f)
@@ -377,6 +382,13 @@ def write_card(model, s, tfl_path, train_s, eval_json=None):
                      tflite_operators(tfl_path), SELECTION_NOTES.format(final_row=final_row))
 
 
+VALIDATION_REPLAY_SECTION = """### Validation writers through stylus-replay
+
+The same validation recordings, resampled and written as recordings, each rate and batch size
+replayed by the library (`tools/train/replay_validation.py`); mean mm on the points where all
+three predict plus the model's in-stroke drops charged, per rate and batch size.
+
+"""
 EVAL_SECTION = """### Evaluation (stylus-replay, native rates, batches of 4, measured once at the end)
 
 Measured by the library itself: `stylus-replay --batch-size 4 --json` on the seven distinct
