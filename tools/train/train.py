@@ -559,7 +559,8 @@ Compare candidate settings on the validation writers: `tools/train/train.py --se
 Tables for any recordings: `tools/train/evaluate.py FILE.csv ... [--rates own,100,600] [--batches 1,4]`.
 The evaluation section is rendered from a replay: `stylus-replay --batch-size 4 --json eval.json
 EVAL.csv ...`, then `tools/train/train.py --card-from STATE --eval-json eval.json` (or
-`tools/train/card_tables.py eval.json` for the tables alone).
+`tools/train/card_tables.py eval.json` for the tables alone); `--replay-validation FILE` adds the
+tables `tools/train/replay_validation.py --replay build/tools/stylus-replay` prints.
 
 ## Results
 
