@@ -38,3 +38,7 @@ if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.j
     COMMAND ${replay_check} browser ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
   set_tests_properties(ReplayJsonMatchesItsSchema ReplayReportLoadsInTheBrowser PROPERTIES SKIP_RETURN_CODE 77)
 endif()
+
+# The model card's tables from replay summaries whose answers are known.
+add_test(NAME CardTablesFromReplaySummaries
+  COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_card_tables.py)
