@@ -42,3 +42,7 @@ endif()
 # The model card's tables from replay summaries whose answers are known.
 add_test(NAME CardTablesFromReplaySummaries
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_card_tables.py)
+
+# Resampled training and validation strokes: smooth positions, bounded pressure, library-like tags.
+add_test(NAME TrainingStrokeResampling
+  COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_resample.py)

@@ -165,8 +165,30 @@ def recording_histories(rec, cfg):
     return np.concatenate(ids), np.concatenate(hists), np.concatenate(stroke_ids)
 
 
-def resample(rec, rate_hz):
-    """Linear interpolation of every stroke onto t0 + k / rate, rounded to ms.
+def hermite(grid, t, v):
+    """Cubic Hermite interpolation with three-point tangents (C1, passes every sample).
+
+    A pen moves smoothly: linear interpolation turns an upsampled stroke into straight pieces that
+    constant velocity follows exactly between the original samples, which no real fast pen does.
+    """
+    if len(t) < 3:
+        return np.interp(grid, t, v)
+    h = np.diff(t)
+    d = np.diff(v) / h
+    m = np.empty_like(v)
+    m[1:-1] = (h[1:] * d[:-1] + h[:-1] * d[1:]) / (h[:-1] + h[1:])
+    m[0] = ((2 * h[0] + h[1]) * d[0] - h[0] * d[1]) / (h[0] + h[1])
+    m[-1] = ((2 * h[-1] + h[-2]) * d[-1] - h[-1] * d[-2]) / (h[-1] + h[-2])
+    i = np.clip(np.searchsorted(t, grid, side="right") - 1, 0, len(t) - 2)
+    s = (grid - t[i]) / h[i]
+    s2, s3 = s * s, s * s * s
+    return ((2 * s3 - 3 * s2 + 1) * v[i] + (s3 - 2 * s2 + s) * h[i] * m[i]
+            + (3 * s2 - 2 * s3) * v[i + 1] + (s3 - s2) * h[i] * m[i + 1])
+
+
+def resample(rec, rate_hz, smooth=True):
+    """Every stroke interpolated onto t0 + k / rate, rounded to ms: positions by cubic Hermite
+    (linear with smooth=False), pressure, tilt and orientation linearly (no overshoot).
 
     rate_hz is one rate or one rate per stroke. The first resampled sample keeps
     the pen-down tag and the last one gets the pen-up tag, like the resampled
@@ -178,6 +200,8 @@ def resample(rec, rate_hz):
     rates = np.broadcast_to(np.asarray(rate_hz, dtype=np.float64), (len(down),))
     for a, b, rate in zip(down, ends, rates):
         t = rec.t[a:b].astype(np.float64)
+        ok = np.concatenate([[True], np.diff(t) > 0])  # interpolation needs rising times
+        t = t[ok]
         if len(t) < 2:
             continue
         step = 1000.0 / rate
@@ -189,12 +213,14 @@ def resample(rec, rate_hz):
         grid, tg = grid[keep], tg[keep]
         cols["t"].append(tg)
         for c in ("x", "y", "pressure", "tilt", "orientation"):
-            cols[c].append(np.interp(grid, t, getattr(rec, c)[a:b].astype(np.float64)))
+            v = getattr(rec, c)[a:b].astype(np.float64)[ok]
+            cubic = smooth and c in ("x", "y")
+            cols[c].append(hermite(grid, t, v) if cubic else np.interp(grid, t, v))
         tag = np.full(len(tg), 2, dtype=np.int64)
         tag[0], tag[-1] = PEN_DOWN, PEN_UP
         cols["tag"].append(tag)
-    cat = {k: np.concatenate(v) for k, v in cols.items()}
-    label = "%gHz" % rates[0] if np.all(rates == rates[0]) else "mixed-rate"
+    cat = {k: np.concatenate(v) if v else np.zeros(0) for k, v in cols.items()}
+    label = "%gHz" % rates[0] if len(rates) and np.all(rates == rates[0]) else "mixed-rate"
     return Recording(cat["t"], cat["x"], cat["y"], cat["pressure"], cat["tilt"],
                      cat["orientation"], cat["tag"], name="%s@%s" % (rec.name, label))
 

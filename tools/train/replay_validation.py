@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Replays the validation writers through stylus-replay at many rates and batch sizes.
 
-The recordings are resampled the way the training code does (linear interpolation per stroke,
+The recordings are resampled the way the training code does (cubic Hermite positions per stroke,
 timestamps rounded to ms) and written to a temporary directory; each rate x batch size is one
 `stylus-replay --json` run there. The tables come from card_tables.py.
 
