@@ -22,6 +22,10 @@ struct PredictorParams {
     QueueFullPolicy queueFullPolicy = QueueFullPolicy::Block;
     std::string cpusetFile;          // inference thread's cpuset task file; empty: none
     int32_t coreAffinity = -1;       // core for the inference thread when no cpuset file; -1: none
+    // Width of the window, centred on the next batch expected while the pen is down, in which the
+    // inference thread busy-waits instead of sleeping, so that no wake-up delays the batch. Costs
+    // about this much CPU per batch interval, only while a stroke is active; 0: always sleep.
+    int32_t inferenceSpinWindowUs = 1000;
     bool enableDataWriting = false;
     bool canControlDataWritingAtRunTime = false;
     int32_t chunkSizeInRecords = 100;

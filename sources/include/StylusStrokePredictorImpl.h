@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "BatchArrivalEstimator.h"
 #include "DataQueue.h"
 #include "ModelPredictor.h"
 #include "PredictorParams.h"
@@ -52,6 +53,10 @@ public:
     unsigned int getMetricsEventCount();
 
 private:
+    // Waits for the next batch; false once the input queue is stopped and drained. While a stroke is
+    // active the thread sleeps only until shortly before the next batch is due, warms the model up
+    // and busy-waits for it, so that the batch does not wait for the thread to be woken.
+    bool takeNextBatch(StylusPointMessage& message);
     void recordBatch(const StylusPointMessage& message);
     void deliverPredictions(const StylusPointMessage& message, const PredictedStylusTouchPointsCpp& result);
 
@@ -67,6 +72,7 @@ private:
     std::string consentFilePath;
     DataQueue<StylusPointMessage> inputQueue;
     ModelPredictor modelPredictor;
+    BatchArrivalEstimator batchArrivals;  // inference thread only
     std::thread inferenceThread;
     std::map<unsigned long, StylusTouchPoint> lastInputPoints;
     StylusPredictionCallback onPredictions;

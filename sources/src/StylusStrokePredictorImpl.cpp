@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -104,10 +105,12 @@ void StylusStrokePredictorImpl::runModelInference() {
     PredictedStylusTouchPointsCpp result;
     while (true) {
         message = StylusPointMessage();
-        if (!inputQueue.pop(message)) {
+        if (!takeNextBatch(message)) {
             return;
         }
         allInputProcessed.store(false);
+        batchArrivals.noteArrival(BatchArrivalEstimator::Clock::now(),
+                                  message.hasStrokeBoundary && message.strokeBoundaryPoint.tag == STYLUS_TAG_PEN_UP);
 
         result.timestamp = 0;
         result.coordinates.clear();
@@ -158,6 +161,32 @@ void StylusStrokePredictorImpl::runModelInference() {
         }
         allInputProcessed.store(true);
     }
+}
+
+bool StylusStrokePredictorImpl::takeNextBatch(StylusPointMessage& message) {
+    using Clock = BatchArrivalEstimator::Clock;
+    const auto halfWindow = std::chrono::nanoseconds(int64_t{params.inferenceSpinWindowUs} * 1000 / 2);
+    const Clock::time_point now = Clock::now();
+    if (halfWindow.count() > 0 && batchArrivals.strokeActive(now)) {
+        const Clock::time_point expected = batchArrivals.expectedNextArrival();
+        const Clock::time_point spinEnd = expected + halfWindow;
+        if (now < spinEnd) {
+            switch (inputQueue.popUntil(message, expected - halfWindow)) {
+                case QueuePopResult::Popped:
+                    return true;
+                case QueuePopResult::Stopped:
+                    return false;
+                case QueuePopResult::TimedOut:
+                    break;
+            }
+            // After a sleep of most of a batch interval the model's weights are out of the caches;
+            // bringing them back now keeps that miss out of the batch's latency.
+            modelPredictor.warmUp();
+            // A late batch falls through to the ordinary wait below.
+            static_cast<void>(inputQueue.spinUntilReady(spinEnd));
+        }
+    }
+    return inputQueue.pop(message);
 }
 
 void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
