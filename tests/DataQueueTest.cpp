@@ -263,7 +263,7 @@ TEST(DataQueueTest, SpinEndsAtAnElementAStopOrTheDeadline) {
 TEST(DataQueueTest, PushOrStopDuringTheSpinIsSeen) {
     for (const bool byStop : {false, true}) {
         SCOPED_TRACE(byStop ? "stop" : "push");
-        for (int cycle = 0; cycle < 200; ++cycle) {
+        for (int cycle = 0; cycle < 100; ++cycle) {
             DataQueue<int> queue(1, QueueFullPolicy::Block);
             std::atomic<bool> spinning{false};
             bool ready = false;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 enum class QueueFullPolicy : int32_t {
@@ -100,16 +101,23 @@ public:
     // consumer that expects an element within microseconds and cannot afford a wake-up.
     template <typename Clock, typename Duration>
     bool spinUntilReady(const std::chrono::time_point<Clock, Duration>& deadline) const {
-        // Reading the clock costs more than a poll; a few polls between reads keep the overshoot tiny.
-        constexpr uint32_t kPollsPerClockRead = 16;
-        for (uint32_t poll = 0;; ++poll) {
+        // Reading the clock and yielding cost more than a poll; a few polls in between keep both rare.
+        constexpr uint32_t kPollsPerCheck = 16;
+        for (uint32_t poll = 1;; ++poll) {
             if (hasItems() || stopped.load()) {
                 return true;
             }
-            if (poll % kPollsPerClockRead == 0 && Clock::now() >= deadline) {
-                return false;
+            if (poll % kPollsPerCheck == 0) {
+                if (Clock::now() >= deadline) {
+                    return false;
+                }
+                // With every core busy, the producer may be waiting for this very core: the scheduler
+                // does not preempt a spinner for it, so a plain busy-wait would hold the producer,
+                // and the element, back until the deadline.
+                std::this_thread::yield();
+            } else {
+                cpuRelax();
             }
-            cpuRelax();
         }
     }
 
