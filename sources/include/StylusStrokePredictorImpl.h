@@ -12,6 +12,7 @@
 #include "DataQueue.h"
 #include "ModelPredictor.h"
 #include "PredictorParams.h"
+#include "SpinBackoff.h"
 #include "StylusDataWriter.h"
 #include "StylusPointMessage.h"
 #include "StylusStrokePredictor.h"
@@ -55,7 +56,8 @@ public:
 private:
     // Waits for the next batch; false once the input queue is stopped and drained. While a stroke is
     // active the thread sleeps only until shortly before the next batch is due, warms the model up
-    // and busy-waits for it, so that the batch does not wait for the thread to be woken.
+    // and busy-waits for it, so that the batch does not wait for the thread to be woken; not while
+    // the machine has shown that it has no core to spare for that.
     bool takeNextBatch(StylusPointMessage& message);
     void recordBatch(const StylusPointMessage& message);
     void deliverPredictions(const StylusPointMessage& message, const PredictedStylusTouchPointsCpp& result);
@@ -73,6 +75,7 @@ private:
     DataQueue<StylusPointMessage> inputQueue;
     ModelPredictor modelPredictor;
     BatchArrivalEstimator batchArrivals;  // inference thread only
+    SpinBackoff spinBackoff;              // inference thread only
     std::thread inferenceThread;
     std::map<unsigned long, StylusTouchPoint> lastInputPoints;
     StylusPredictionCallback onPredictions;

@@ -167,25 +167,31 @@ bool StylusStrokePredictorImpl::takeNextBatch(StylusPointMessage& message) {
     using Clock = BatchArrivalEstimator::Clock;
     const auto halfWindow = std::chrono::nanoseconds(int64_t{params.inferenceSpinWindowUs} * 1000 / 2);
     const Clock::time_point now = Clock::now();
-    if (halfWindow.count() > 0 && batchArrivals.strokeActive(now)) {
-        const Clock::time_point expected = batchArrivals.expectedNextArrival();
-        const Clock::time_point spinEnd = expected + halfWindow;
-        if (now < spinEnd) {
-            switch (inputQueue.popUntil(message, expected - halfWindow)) {
-                case QueuePopResult::Popped:
-                    return true;
-                case QueuePopResult::Stopped:
-                    return false;
-                case QueuePopResult::TimedOut:
-                    break;
-            }
-            // After a sleep of most of a batch interval the model's weights are out of the caches;
-            // bringing them back now keeps that miss out of the batch's latency.
-            modelPredictor.warmUp();
-            // A late batch falls through to the ordinary wait below.
-            static_cast<void>(inputQueue.spinUntilReady(spinEnd));
-        }
+    if (halfWindow.count() == 0 || !batchArrivals.strokeActive(now)) {
+        return inputQueue.pop(message);
     }
+    if (!spinBackoff.spinAllowed()) {
+        spinBackoff.noteSkippedSpin();
+        return inputQueue.pop(message);
+    }
+    const Clock::time_point expected = batchArrivals.expectedNextArrival();
+    const Clock::time_point spinEnd = expected + halfWindow;
+    if (now >= spinEnd) {
+        return inputQueue.pop(message);
+    }
+    switch (inputQueue.popUntil(message, expected - halfWindow)) {
+        case QueuePopResult::Popped:
+            return true;
+        case QueuePopResult::Stopped:
+            return false;
+        case QueuePopResult::TimedOut:
+            break;
+    }
+    // After a sleep of most of a batch interval the model's weights are out of the caches; bringing
+    // them back now keeps that miss out of the batch's latency.
+    modelPredictor.warmUp();
+    spinBackoff.noteSpin(inputQueue.spinUntilReady(spinEnd).longestGap);
+    // A late batch falls through to the ordinary wait.
     return inputQueue.pop(message);
 }
 
