@@ -247,13 +247,13 @@ TEST(DataQueueTest, HasItemsFollowsPushesAndPops) {
 // The busy-wait ends as soon as a pop would not block, and only at its deadline otherwise.
 TEST(DataQueueTest, SpinEndsAtAnElementAStopOrTheDeadline) {
     DataQueue<int> queue(1, QueueFullPolicy::Block);
-    EXPECT_FALSE(queue.spinUntilReady(Clock::now() + std::chrono::milliseconds(1)).ready);
+    EXPECT_FALSE(queue.spinUntilReady(Clock::now() + std::chrono::milliseconds(1)));
     ASSERT_TRUE(queue.push(1));
-    EXPECT_TRUE(queue.spinUntilReady(Clock::now() - std::chrono::seconds(1)).ready) << "an element already waits";
+    EXPECT_TRUE(queue.spinUntilReady(Clock::now() - std::chrono::seconds(1))) << "an element already waits";
     int out = 0;
     ASSERT_TRUE(queue.pop(out));
     queue.stop();
-    EXPECT_TRUE(queue.spinUntilReady(Clock::now() - std::chrono::seconds(1)).ready) << "a stopped queue never blocks";
+    EXPECT_TRUE(queue.spinUntilReady(Clock::now() - std::chrono::seconds(1))) << "a stopped queue never blocks";
     EXPECT_FALSE(queue.pop(out));
 }
 
@@ -271,7 +271,7 @@ TEST(DataQueueTest, PushOrStopDuringTheSpinIsSeen) {
             int out = 0;
             std::thread consumer([&] {
                 spinning = true;
-                ready = queue.spinUntilReady(Clock::now() + kNever).ready;
+                ready = queue.spinUntilReady(Clock::now() + kNever);
                 popped = queue.pop(out);
             });
             waitUntil(spinning);

@@ -12,8 +12,8 @@ namespace {
 using styluspipeline::SpinBackoff;
 using std::chrono::microseconds;
 
-constexpr microseconds kSmooth(5);
-constexpr microseconds kLost = std::chrono::duration_cast<microseconds>(SpinBackoff::kLostCoreGap);
+constexpr microseconds kQuick(5);
+constexpr microseconds kSlow = std::chrono::duration_cast<microseconds>(SpinBackoff::kSlowHandOff);
 
 // Skips spins until allowed again; the number of batches the pause lasted.
 uint32_t pauseLength(SpinBackoff& backoff) {
@@ -25,19 +25,19 @@ uint32_t pauseLength(SpinBackoff& backoff) {
     return skipped;
 }
 
-TEST(SpinBackoffTest, InterruptedSpinsPauseSpinningForDoublingBatchCounts) {
+TEST(SpinBackoffTest, SlowHandOffsPauseSpinningForDoublingBatchCounts) {
     const struct {
         const char* name;
-        std::vector<microseconds> spins;  // longest gap of each spin, each followed by its pause
+        std::vector<microseconds> spins;  // hand-off of each spun batch, each followed by its pause
         std::vector<uint32_t> pauses;
     } cases[] = {
-        {"smooth spins never pause", {kSmooth, kSmooth, kLost - microseconds(1)}, {0, 0, 0}},
-        {"one interruption", {kLost}, {SpinBackoff::kFirstPauseBatches}},
-        {"repeated interruptions double the pause",
-         {kLost, kLost, kLost},
+        {"quick hand-offs never pause", {kQuick, kQuick, kSlow - microseconds(1)}, {0, 0, 0}},
+        {"one slow hand-off", {kSlow}, {SpinBackoff::kFirstPauseBatches}},
+        {"repeated slow hand-offs double the pause",
+         {kSlow, kSlow, kSlow},
          {SpinBackoff::kFirstPauseBatches, 2 * SpinBackoff::kFirstPauseBatches, 4 * SpinBackoff::kFirstPauseBatches}},
-        {"a smooth spin starts afresh",
-         {kLost, kLost, kSmooth, kLost},
+        {"a quick hand-off starts afresh",
+         {kSlow, kSlow, kQuick, kSlow},
          {SpinBackoff::kFirstPauseBatches, 2 * SpinBackoff::kFirstPauseBatches, 0, SpinBackoff::kFirstPauseBatches}},
         {"the pause is bounded",
          std::vector<microseconds>(10, microseconds(5000)),
@@ -60,7 +60,7 @@ TEST(SpinBackoffTest, SkippingWithoutAPauseChangesNothing) {
     SpinBackoff backoff;
     backoff.noteSkippedSpin();
     EXPECT_TRUE(backoff.spinAllowed());
-    backoff.noteSpin(kLost);
+    backoff.noteSpin(kSlow);
     EXPECT_FALSE(backoff.spinAllowed());
 }
 

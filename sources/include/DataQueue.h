@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -20,13 +19,6 @@ enum class QueuePopResult : int32_t {
     Popped = 0,
     TimedOut = 1,  // the deadline passed with the queue empty
     Stopped = 2,   // the queue is stopped and drained
-};
-
-struct QueueSpinResult {
-    bool ready = false;  // a pop will not block: an element waits or the queue is stopped
-    // The longest stretch between two looks at the clock; far above a few microseconds, the thread
-    // was off its core meanwhile.
-    std::chrono::nanoseconds longestGap{0};
 };
 
 // Tells the core that the caller is busy-waiting, so that a sibling hyper-thread gets the pipeline
@@ -104,26 +96,20 @@ public:
         return QueuePopResult::Popped;
     }
 
-    // Busy-waits, without the lock so that producers are never slowed, until a pop would not block
-    // (an element waits or the queue is stopped) or deadline passes. For a consumer that expects an
-    // element within microseconds and cannot afford a wake-up.
+    // Busy-waits, without the lock so that producers are never slowed, until a pop would not block:
+    // true once an element waits or the queue is stopped, false when deadline passes first. For a
+    // consumer that expects an element within microseconds and cannot afford a wake-up.
     template <typename Clock, typename Duration>
-    QueueSpinResult spinUntilReady(const std::chrono::time_point<Clock, Duration>& deadline) const {
+    bool spinUntilReady(const std::chrono::time_point<Clock, Duration>& deadline) const {
         // Reading the clock and yielding cost more than a poll; a few polls in between keep both rare.
         constexpr uint32_t kPollsPerCheck = 16;
-        QueueSpinResult result;
-        auto lastCheck = Clock::now();
         for (uint32_t poll = 1;; ++poll) {
             if (hasItems() || stopped.load()) {
-                result.ready = true;
-                return result;
+                return true;
             }
             if (poll % kPollsPerCheck == 0) {
-                const auto now = Clock::now();
-                result.longestGap = std::max<std::chrono::nanoseconds>(result.longestGap, now - lastCheck);
-                lastCheck = now;
-                if (now >= deadline) {
-                    return result;
+                if (Clock::now() >= deadline) {
+                    return false;
                 }
                 // With every core busy, the producer may be waiting for this very core: the scheduler
                 // does not preempt a spinner for it, so a plain busy-wait would hold the producer,

@@ -76,6 +76,9 @@ private:
     ModelPredictor modelPredictor;
     BatchArrivalEstimator batchArrivals;  // inference thread only
     SpinBackoff spinBackoff;              // inference thread only
+    // Steady-clock time at which the latest batch was handed to the queue, so that the inference
+    // thread can tell how long a batch waited for it.
+    std::atomic<int64_t> lastSendNs{0};
     std::thread inferenceThread;
     std::map<unsigned long, StylusTouchPoint> lastInputPoints;
     StylusPredictionCallback onPredictions;

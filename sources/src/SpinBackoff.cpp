@@ -4,8 +4,8 @@
 
 namespace styluspipeline {
 
-void SpinBackoff::noteSpin(std::chrono::nanoseconds longestGap) {
-    if (longestGap < kLostCoreGap) {
+void SpinBackoff::noteSpin(std::chrono::nanoseconds handOff) {
+    if (handOff < kSlowHandOff) {
         nextPause = kFirstPauseBatches;
         return;
     }

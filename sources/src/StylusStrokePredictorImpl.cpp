@@ -17,6 +17,16 @@
 
 namespace styluspipeline {
 
+namespace {
+
+int64_t steadyNowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               BatchArrivalEstimator::Clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
 StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParams& hostParams)
     : params(std::string(hostParams.configFilePath)),
       consentFilePath(params.dataFileDirectory + "/" + consentFileName),
@@ -79,6 +89,7 @@ RecorderCounts StylusStrokePredictorImpl::recorderCounts() const {
 }
 
 bool StylusStrokePredictorImpl::sendInputTouchPoints(const StylusPointMessage& message) {
+    lastSendNs.store(steadyNowNs(), std::memory_order_relaxed);
     const bool pushed = inputQueue.push(message);
     const int32_t calls = inputCallCount.load(std::memory_order_relaxed) + 1;
     inputCallCount.store(calls, std::memory_order_relaxed);
@@ -190,9 +201,13 @@ bool StylusStrokePredictorImpl::takeNextBatch(StylusPointMessage& message) {
     // After a sleep of most of a batch interval the model's weights are out of the caches; bringing
     // them back now keeps that miss out of the batch's latency.
     modelPredictor.warmUp();
-    spinBackoff.noteSpin(inputQueue.spinUntilReady(spinEnd).longestGap);
     // A late batch falls through to the ordinary wait.
-    return inputQueue.pop(message);
+    static_cast<void>(inputQueue.spinUntilReady(spinEnd));
+    if (!inputQueue.pop(message)) {
+        return false;
+    }
+    spinBackoff.noteSpin(std::chrono::nanoseconds(steadyNowNs() - lastSendNs.load(std::memory_order_relaxed)));
+    return true;
 }
 
 void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
