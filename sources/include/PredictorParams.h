@@ -26,7 +26,7 @@ struct PredictorParams {
     int32_t coreAffinity = -1;       // core for the inference thread when no cpuset file; -1: none
     // Width of the window, centred on the next batch expected while the pen is down, in which the
     // inference thread busy-waits instead of sleeping, so that no wake-up delays the batch. Costs
-    // about this much CPU per batch interval, only while a stroke is active; 0: always sleep.
+    // half of it per batch interval on average, only while a stroke is active; 0: always sleep.
     int32_t inferenceSpinWindowUs = kDefaultSpinWindowUs;
     bool enableDataWriting = false;
     bool canControlDataWritingAtRunTime = false;
