@@ -1,13 +1,17 @@
 // End-to-end latency through the exported functions: from sendInputTouchPoints returning to the
 // host's onPredictions being called for that batch. One pen stroke at 240 Hz, cut into batches of 4
 // samples, sent either paced like a pen (one batch every 16.7 ms) or flat out. Each run reports
-// p50, p99 and the maximum over every batch that produced a prediction. Models: "minimal" (the
-// generated const_n10_p5), "shipped" (models/, engine chosen as the library chooses it) and
-// "shipped_armnn" (the same, forced onto Arm NN for comparison).
+// p50, p99 and the maximum over every batch that produced a prediction, and the inference thread's
+// CPU share between its first and last callback. Models: "minimal" (the generated const_n10_p5),
+// "shipped" (models/, engine chosen as the library chooses it) and "shipped_armnn" (the same, forced
+// onto Arm NN for comparison). The shipped model at pen rate runs twice: with the inference thread's
+// busy-wait window at its default ("paced240Hz") and turned off ("paced240HzNoSpin").
 //
 // Extra flags (before the Google Benchmark ones):
 //   --batches=N          batches per run (default 10000)
 //   --shipped-config=P   configuration of the shipped model (default models/stylus_predictor.json)
+//   --spin-window-us=N   Pipeline.inferenceSpinWindowUs for the runs with the window on (default: the
+//                        library's default)
 // The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include <benchmark/benchmark.h>
@@ -20,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -42,14 +47,22 @@ const auto kBatchPeriod = std::chrono::nanoseconds(static_cast<int64_t>(1e9 * kB
 
 size_t g_batchCount = 10000;
 std::string g_shippedConfig = STYLUS_SHIPPED_CONFIG;
+std::string g_spinWindowUs;  // empty: the library's default
 
 int64_t nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
 }
 
+int64_t threadCpuNs() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
 // Writes a configuration beside a copy of the model: the given model keys, and pipeline keys that keep
-// every batch (Block) and record nothing.
-std::string writeConfig(const testkit::TempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys) {
+// every batch (Block) and record nothing, with the busy-wait window given (empty: left to the default).
+std::string writeConfig(const testkit::TempDir& dir, const fs::path& model, boost::property_tree::ptree modelKeys,
+                        const std::string& spinWindowUs) {
     fs::copy_file(model, fs::path(dir.path()) / model.filename(), fs::copy_options::overwrite_existing);
     boost::property_tree::ptree tree;
     modelKeys.put("model_name", model.filename().string());
@@ -57,6 +70,9 @@ std::string writeConfig(const testkit::TempDir& dir, const fs::path& model, boos
     tree.put("Pipeline.logLevel", "INFO");
     tree.put("Pipeline.QueueFullPolicy", "Block");
     tree.put("Pipeline.enableDataWriting", false);
+    if (!spinWindowUs.empty()) {
+        tree.put("Pipeline.inferenceSpinWindowUs", spinWindowUs);
+    }
     const std::string config = dir.file("predictor.json");
     boost::property_tree::write_json(config, tree);
     return config;
@@ -68,6 +84,11 @@ struct Run {
     std::vector<int64_t> callNs;            // sender thread only: before the call
     std::vector<int64_t> sentNs;            // sender thread only: after it returned
     std::vector<int64_t> calledNs;          // inference thread only
+    // Inference thread only: wall and thread CPU clocks at its first and latest callback.
+    int64_t firstCallbackNs = 0;
+    int64_t firstCallbackCpuNs = 0;
+    int64_t lastCallbackNs = 0;
+    int64_t lastCallbackCpuNs = 0;
 };
 Run g_run;
 
@@ -78,6 +99,14 @@ void onPredictions(const PredictedStylusTouchPoints* predictions) {
     if (it != stamps.end() && *it == predictions->timestamp) {
         g_run.calledNs[static_cast<size_t>(it - stamps.begin())] = now;
     }
+    // Read after the latency's clock, so that it does not count.
+    const int64_t cpu = threadCpuNs();
+    if (g_run.firstCallbackNs == 0) {
+        g_run.firstCallbackNs = now;
+        g_run.firstCallbackCpuNs = cpu;
+    }
+    g_run.lastCallbackNs = now;
+    g_run.lastCallbackCpuNs = cpu;
 }
 
 // A pen circling at 240 Hz: integer millisecond timestamps 4 or 5 ms apart.
@@ -104,11 +133,13 @@ double percentile(const std::vector<double>& sorted, double p) {
     return sorted[std::min(sorted.size(), std::max<size_t>(rank, 1)) - 1];
 }
 
-void runLatency(benchmark::State& state, const std::string& modelKind, bool paced) {
+void runLatency(benchmark::State& state, const std::string& modelKind, bool paced, bool spin) {
     testkit::TempDir dir;
     std::string config;
+    const std::string spinWindowUs = spin ? g_spinWindowUs : "0";
     if (modelKind == "minimal") {
-        config = writeConfig(dir, testkit::generatedModel("const_n10_p5.tflite"), testkit::generatedModelKeys());
+        config = writeConfig(dir, testkit::generatedModel("const_n10_p5.tflite"), testkit::generatedModelKeys(),
+                             spinWindowUs);
     } else {
         boost::property_tree::ptree shipped;
         boost::property_tree::read_json(g_shippedConfig, shipped);
@@ -118,7 +149,7 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
         if (modelKind == "shipped_armnn") {
             keys.put("inference_engine", "armnn");
         }
-        config = writeConfig(dir, model, keys);
+        config = writeConfig(dir, model, keys, spinWindowUs);
     }
 
     const auto stroke = makeStroke(g_batchCount);
@@ -129,6 +160,7 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
     g_run.callNs.assign(stroke.size(), 0);
     g_run.sentNs.assign(stroke.size(), 0);
     g_run.calledNs.assign(stroke.size(), 0);
+    g_run.firstCallbackNs = 0;
 
     for (auto _ : state) {
         StylusPredictionParams params{config.c_str(), &onPredictions, nullptr};
@@ -178,7 +210,12 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
     state.counters["max_us"] = latenciesUs.empty() ? 0.0 : latenciesUs.back();
     state.counters["mean_us"] = latenciesUs.empty() ? 0.0 : sum / static_cast<double>(latenciesUs.size());
     state.counters["callback_before_return"] = static_cast<double>(callbackFirst);
-    state.SetLabel(modelKind + (paced ? ", paced 240 Hz" : ", flat out"));
+    const int64_t wallNs = g_run.lastCallbackNs - g_run.firstCallbackNs;
+    state.counters["inference_thread_cpu_percent"] =
+        wallNs > 0 ? 100.0 * static_cast<double>(g_run.lastCallbackCpuNs - g_run.firstCallbackCpuNs) /
+                         static_cast<double>(wallNs)
+                   : 0.0;
+    state.SetLabel(modelKind + (paced ? ", paced 240 Hz" : ", flat out") + (spin ? "" : ", no busy-wait"));
 }
 
 bool takeFlag(const char* arg, const char* name, std::string& value) {
@@ -200,6 +237,8 @@ int main(int argc, char** argv) {
             g_batchCount = std::max<size_t>(std::stoul(value), 1);
         } else if (takeFlag(argv[i], "--shipped-config", value)) {
             g_shippedConfig = value;
+        } else if (takeFlag(argv[i], "--spin-window-us", value)) {
+            g_spinWindowUs = value;
         } else {
             rest.push_back(argv[i]);
         }
@@ -218,14 +257,23 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "No shipped model configuration at %s: only the minimal model is measured\n",
                      g_shippedConfig.c_str());
     }
+    struct Variant {
+        bool paced;
+        bool spin;
+        const char* name;
+    };
+    const Variant variants[] = {{false, true, "flatOut"}, {true, true, "paced240Hz"}, {true, false, "paced240HzNoSpin"}};
     for (const std::string& model : models) {
-        for (const bool paced : {false, true}) {
-            if (model == "shipped_armnn" && !paced) {
+        for (const Variant& v : variants) {
+            if (model == "shipped_armnn" && !v.paced) {
                 continue;  // the comparison that matters is at pen rate
             }
-            const std::string name = "EndToEndLatency/" + model + (paced ? "/paced240Hz" : "/flatOut");
-            benchmark::RegisterBenchmark(name.c_str(), [model, paced](benchmark::State& state) {
-                runLatency(state, model, paced);
+            if (model != "shipped" && !v.spin) {
+                continue;  // the busy-wait's gain is shown on the shipped model
+            }
+            const std::string name = "EndToEndLatency/" + model + "/" + v.name;
+            benchmark::RegisterBenchmark(name.c_str(), [model, v](benchmark::State& state) {
+                runLatency(state, model, v.paced, v.spin);
             })->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
         }
     }

@@ -2,7 +2,9 @@
 // samples every 16.7 ms to a consumer, and the time from the push being called to the consumer
 // running is measured (from its return would be negative: the woken thread often runs first). Either the consumer sleeps in the input queue's pop (the library's way), or it spins
 // on an atomic sequence number (what keeping the thread awake while a stroke is active would cost
-// and give). The consumer's CPU share over the run is the price.
+// and give), or it sleeps until shortly before the next batch is due and busy-waits in a window
+// around it (the library's way while the pen is down; the window at its default width). The
+// consumer's CPU share over the run is the price.
 #include <benchmark/benchmark.h>
 #include <time.h>
 
@@ -13,7 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include "BatchArrivalEstimator.h"
 #include "DataQueue.h"
+#include "PredictorParams.h"
 #include "StylusPointMessage.h"
 
 namespace {
@@ -115,6 +119,58 @@ void BM_WakeUpOfSpinningThread(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_WakeUpOfSpinningThread)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The inference thread's wait without the model: sleep until the window opens, busy-wait in it, and
+// fall back to the plain wait when the batch is late or no pace is known yet.
+void BM_WakeUpWithSpinWindow(benchmark::State& state) {
+    using styluspipeline::BatchArrivalEstimator;
+    const auto halfWindow = std::chrono::nanoseconds(int64_t{styluspipeline::PredictorParams::kDefaultSpinWindowUs} * 500);
+    for (auto _ : state) {
+        DataQueue<StylusPointMessage> queue(1, QueueFullPolicy::Block);
+        std::vector<int64_t> sent(kBatches), woke(kBatches);
+        double cpu = 0.0;
+        std::thread consumer([&] {
+            const double start = threadCpuSeconds();
+            BatchArrivalEstimator arrivals;
+            StylusPointMessage message;
+            for (int i = 0;; ++i) {
+                bool popped = false;
+                bool decided = false;
+                const auto now = Clock::now();
+                if (arrivals.strokeActive(now)) {
+                    const auto expected = arrivals.expectedNextArrival();
+                    switch (queue.popUntil(message, expected - halfWindow)) {
+                        case QueuePopResult::Popped:
+                            popped = decided = true;
+                            break;
+                        case QueuePopResult::Stopped:
+                            decided = true;
+                            break;
+                        case QueuePopResult::TimedOut:
+                            queue.spinUntilReady(expected + halfWindow);
+                            break;
+                    }
+                }
+                if (!decided) popped = queue.pop(message);
+                if (!popped) break;
+                woke[static_cast<size_t>(i)] = nowNs();
+                arrivals.noteArrival(Clock::now(), false);
+            }
+            cpu = threadCpuSeconds() - start;
+        });
+        const StylusPointMessage batch = batchOfFour();
+        const auto begin = Clock::now();
+        for (int i = 0; i < kBatches; ++i) {
+            std::this_thread::sleep_until(begin + kPenPeriod * (i + 1));
+            sent[static_cast<size_t>(i)] = nowNs();
+            queue.push(batch);
+        }
+        queue.stop();
+        consumer.join();
+        report(state, sent, woke, cpu, std::chrono::duration<double>(Clock::now() - begin).count());
+    }
+}
+BENCHMARK(BM_WakeUpWithSpinWindow)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

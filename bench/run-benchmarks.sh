@@ -128,7 +128,7 @@ for name, b in results["PipelineLatencyBench"].items():
         continue
     latency.setdefault(parts[1], {})[parts[2]] = {
         k: b[k] for k in ("p50_us", "p99_us", "max_us", "mean_us", "from_call_p50_us", "from_call_p99_us", "batches",
-                          "predicted", "callback_before_return")
+                          "predicted", "callback_before_return", "inference_thread_cpu_percent")
         if k in b}
 summary["end_to_end_latency_us"] = latency
 summary["benchmarks"] = results

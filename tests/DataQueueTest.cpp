@@ -1,12 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
 #include "DataQueue.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+// Far enough that reaching it means the call missed what should have released it.
+constexpr auto kNever = std::chrono::hours(1);
 
 void waitUntil(const std::atomic<bool>& flag) {
     while (!flag.load()) {
@@ -152,6 +157,134 @@ TEST(DataQueueTest, BusyHandOverNeverStallsLosesOrReordersElements) {
         ASSERT_TRUE(progressed) << "producers and consumer all asleep, cycle " << cycle;
         ASSERT_EQ(pushes.load(), pops.load()) << "cycle " << cycle;
         ASSERT_TRUE(ordered) << "cycle " << cycle;
+    }
+}
+
+// A timed pop without another thread: what is queued comes out even past the deadline, an empty
+// queue times out, a stopped one drains and then reports the stop.
+TEST(DataQueueTest, TimedPopReturnsTheElementTimesOutOrReportsTheStop) {
+    const struct {
+        const char* name;
+        std::vector<int> queued;
+        bool stop;
+        std::chrono::milliseconds deadlineFromNow;
+        std::vector<QueuePopResult> results;  // of successive pops
+        std::vector<int> popped;
+    } cases[] = {
+        {"element, deadline passed", {5}, false, std::chrono::milliseconds(-10),
+         {QueuePopResult::Popped, QueuePopResult::TimedOut}, {5}},
+        {"two elements in order", {5, 6}, false, std::chrono::milliseconds(1),
+         {QueuePopResult::Popped, QueuePopResult::Popped, QueuePopResult::TimedOut}, {5, 6}},
+        {"empty", {}, false, std::chrono::milliseconds(1), {QueuePopResult::TimedOut}, {}},
+        {"stopped, empty", {}, true, std::chrono::milliseconds(-10), {QueuePopResult::Stopped}, {}},
+        {"stopped, drained first", {7}, true, std::chrono::milliseconds(1),
+         {QueuePopResult::Popped, QueuePopResult::Stopped}, {7}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        DataQueue<int> queue(4, QueueFullPolicy::Block);
+        for (int v : c.queued) {
+            ASSERT_TRUE(queue.push(v));
+        }
+        if (c.stop) {
+            queue.stop();
+        }
+        std::vector<QueuePopResult> results;
+        std::vector<int> popped;
+        for (size_t i = 0; i < c.results.size(); ++i) {
+            int out = -1;
+            const QueuePopResult result = queue.popUntil(out, Clock::now() + c.deadlineFromNow);
+            results.push_back(result);
+            if (result == QueuePopResult::Popped) {
+                popped.push_back(out);
+            }
+        }
+        EXPECT_EQ(results, c.results);
+        EXPECT_EQ(popped, c.popped);
+        EXPECT_FALSE(queue.hasItems());
+    }
+}
+
+// A consumer waiting with a distant deadline is released by a push (with the element) or a stop.
+TEST(DataQueueTest, TimedPopIsReleasedByAPushOrAStop) {
+    for (const bool byStop : {false, true}) {
+        SCOPED_TRACE(byStop ? "stop" : "push");
+        DataQueue<int> queue(1, QueueFullPolicy::Block);
+        std::atomic<bool> entered{false};
+        QueuePopResult result = QueuePopResult::TimedOut;
+        int out = 0;
+        std::thread consumer([&] {
+            entered = true;
+            result = queue.popUntil(out, Clock::now() + kNever);
+        });
+        waitUntil(entered);
+        letOthersRun();
+        if (byStop) {
+            queue.stop();
+        } else {
+            ASSERT_TRUE(queue.push(42));
+        }
+        consumer.join();
+        EXPECT_EQ(result, byStop ? QueuePopResult::Stopped : QueuePopResult::Popped);
+        EXPECT_EQ(out, byStop ? 0 : 42);
+    }
+}
+
+TEST(DataQueueTest, HasItemsFollowsPushesAndPops) {
+    DataQueue<int> queue(2, QueueFullPolicy::RejectNewest);
+    EXPECT_FALSE(queue.hasItems());
+    ASSERT_TRUE(queue.push(1));
+    ASSERT_TRUE(queue.push(2));
+    EXPECT_FALSE(queue.push(3));
+    EXPECT_TRUE(queue.hasItems());
+    int out = 0;
+    ASSERT_TRUE(queue.pop(out));
+    EXPECT_TRUE(queue.hasItems());
+    ASSERT_EQ(queue.popUntil(out, Clock::now()), QueuePopResult::Popped);
+    EXPECT_FALSE(queue.hasItems());
+}
+
+// The busy-wait ends as soon as a pop would not block, and only at its deadline otherwise.
+TEST(DataQueueTest, SpinEndsAtAnElementAStopOrTheDeadline) {
+    DataQueue<int> queue(1, QueueFullPolicy::Block);
+    EXPECT_FALSE(queue.spinUntilReady(Clock::now() + std::chrono::milliseconds(1)));
+    ASSERT_TRUE(queue.push(1));
+    EXPECT_TRUE(queue.spinUntilReady(Clock::now() - std::chrono::seconds(1))) << "an element already waits";
+    int out = 0;
+    ASSERT_TRUE(queue.pop(out));
+    queue.stop();
+    EXPECT_TRUE(queue.spinUntilReady(Clock::now() - std::chrono::seconds(1))) << "a stopped queue never blocks";
+    EXPECT_FALSE(queue.pop(out));
+}
+
+// A consumer that spins, then pops, as the inference thread does: a push from another thread during
+// the spin is taken; a stop during the spin ends the consumer. Many cycles, so that the push or stop
+// also lands between the consumer's last poll and its pop.
+TEST(DataQueueTest, PushOrStopDuringTheSpinIsSeen) {
+    for (const bool byStop : {false, true}) {
+        SCOPED_TRACE(byStop ? "stop" : "push");
+        for (int cycle = 0; cycle < 100; ++cycle) {
+            DataQueue<int> queue(1, QueueFullPolicy::Block);
+            std::atomic<bool> spinning{false};
+            bool ready = false;
+            bool popped = false;
+            int out = 0;
+            std::thread consumer([&] {
+                spinning = true;
+                ready = queue.spinUntilReady(Clock::now() + kNever);
+                popped = queue.pop(out);
+            });
+            waitUntil(spinning);
+            if (byStop) {
+                queue.stop();
+            } else {
+                ASSERT_TRUE(queue.push(cycle + 1));
+            }
+            consumer.join();
+            ASSERT_TRUE(ready) << "cycle " << cycle;
+            ASSERT_EQ(popped, !byStop) << "cycle " << cycle;
+            ASSERT_EQ(out, byStop ? 0 : cycle + 1) << "cycle " << cycle;
+        }
     }
 }
 

@@ -14,6 +14,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "StylusStrokePredictor.h"
@@ -595,6 +596,43 @@ TEST_F(PipelineTest, ABatchLongerThanTheHistoryDoesNotStopTheInferenceThread) {
     // The thread is still serving: the next batch predicts.
     ASSERT_EQ(pipeline.send({sample(100, 13, 0, STYLUS_TAG_MOVE)}), 0);
     ASSERT_TRUE(host.waitForPredictions(1));
+}
+
+// With the busy-wait on, batches sent at a steady pace reach the thread while it spins, just after
+// its warm-up run of the model; a pen-up and a second stroke pass through it too. The predictions
+// must be exactly those of a thread that always sleeps, and a shutdown while the thread spins for a
+// batch that never comes must end it.
+TEST_F(PipelineTest, SpinWindowLeavesPredictionsUnchangedAndShutdownEndsTheSpin) {
+    auto batches = strokeBatches(1000, 10);
+    batches.push_back({sample(1200, 300, 300, STYLUS_TAG_MOVE), sample(1204, 302, 301, STYLUS_TAG_PEN_UP)});
+    for (auto& batch : strokeBatches(5000, 10)) {
+        batches.push_back(batch);
+    }
+    using Flat = std::vector<std::tuple<uint64_t, uint64_t, float, float>>;
+    std::vector<Flat> runs;
+    for (const char* window : {"0", "50000"}) {
+        SCOPED_TRACE(window);
+        host.reset();
+        TempDir runDir;
+        Pipeline pipeline(
+            writeConfig(runDir, std::string(R"(, "inferenceSpinWindowUs": )") + window, "", "ops_n10_p5.tflite"));
+        for (const auto& batch : batches) {
+            ASSERT_EQ(pipeline.send(batch), 0);
+            // Pacing only, so that the thread learns a pace and waits for each batch.
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        ASSERT_TRUE(pipeline.waitIdle());
+        pipeline.stop();
+        Flat flat;
+        for (const auto& [timestamp, coordinates] : host.predictions) {
+            for (const auto& c : coordinates) {
+                flat.emplace_back(timestamp, c.timestamp, c.x, c.y);
+            }
+        }
+        runs.push_back(flat);
+    }
+    EXPECT_GT(runs[0].size(), 0u);
+    EXPECT_EQ(runs[1], runs[0]);
 }
 
 }  // namespace

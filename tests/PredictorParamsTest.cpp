@@ -59,9 +59,9 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
     EXPECT_EQ(velmar::Log::m_GlobalPriority.load(), velmar::Info);
     EXPECT_EQ(std::make_tuple(p.queueFullPolicy, p.cpusetFile, p.coreAffinity, p.enableDataWriting,
                               p.canControlDataWritingAtRunTime, p.chunkSizeInRecords, p.numChunksInFile,
-                              p.dataFileNameSuffix, p.dataFileDirectory, p.diskFillPercentTh),
+                              p.dataFileNameSuffix, p.dataFileDirectory, p.diskFillPercentTh, p.inferenceSpinWindowUs),
               std::make_tuple(QueueFullPolicy::Block, std::string(), -1, false, false, 100, 100000,
-                              std::string("stylus_input_events"), std::string(), 30));
+                              std::string("stylus_input_events"), std::string(), 30, 1000));
     EXPECT_EQ(std::make_tuple(m.model_path, m.stroke_end_thres, m.num_predictions, m.prediction_time_delta_ms,
                               m.num_historcal_points, m.min_num_historical_points, m.mm_per_inch, m.pixel_per_inch,
                               m.feature_timestamp_min, m.feature_orientation_max, m.use_raw_pressure,
@@ -90,7 +90,7 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
                      "Enable debug writing : false", "canControlDataWritingAtRunTime : false",
                      "chunkSizeInRecords : 100", "numChunksInFile : 100000",
                      "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30",
-                     "diskCheckPath : /data/"}));
+                     "diskCheckPath : /data/", "inferenceSpinWindowUs : 1000"}));
     for (const auto& line : log.lines()) {
         EXPECT_EQ(std::make_tuple(line.priority, line.tag, line.function),
                   std::make_tuple(velmar::Info, std::string("StylusPredictor-params"), std::string("PredictorParams")));
@@ -102,7 +102,8 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
         "Pipeline": {"QueueFullPolicy": "Reject Newest", "cpusetFile": "/dev/cpuset/fg/tasks", "coreaffinity": 6,
                      "enableDataWriting": "true", "canControlDataWritingAtRunTime": "1",
                      "chunkSizeInRecords": 50, "numChunksInFile": 7, "dataFileNameSuffix": "s",
-                     "dataFileDirectory": "/data/x", "diskFillPercentTh": 80, "diskCheckPath": "/data/x"},
+                     "dataFileDirectory": "/data/x", "diskFillPercentTh": 80, "diskCheckPath": "/data/x",
+                     "inferenceSpinWindowUs": 2500},
         "PredictionModel": {"model_name": "net.tflite", "stroke_end_thres": 0.25, "num_predictions": 3,
                             "prediction_time_delta_ms": 8, "num_historical_points": 40, "mm_per_inch": 25,
                             "pixel_per_inch": 400, "feature_xpos_max": 12.5, "feature_xpos_min": 1,
@@ -120,6 +121,7 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
               std::make_tuple(QueueFullPolicy::RejectNewest, std::string("/dev/cpuset/fg/tasks"), 6, true, true, 50, 7,
                               std::string("s"), std::string("/data/x"), 80));
     EXPECT_EQ(p.diskCheckPath, "/data/x");
+    EXPECT_EQ(p.inferenceSpinWindowUs, 2500);
     // The minimum history follows the history length when not given.
     EXPECT_EQ(std::make_tuple(m.model_path, m.stroke_end_thres, m.num_predictions, m.prediction_time_delta_ms,
                               m.num_historcal_points, m.min_num_historical_points, m.mm_per_inch, m.pixel_per_inch,
@@ -129,7 +131,8 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
                               7u, 9u, 60));
     for (const char* line : {"QueueFull Policy : Reject Newest", "modelParams.mm_per_inch : 25",
                              "modelParams.feature_xpos_max : 12.5", "modelParams.use_raw_pressure : true",
-                             "Enable debug writing : true", "canControlDataWritingAtRunTime : true"}) {
+                             "Enable debug writing : true", "canControlDataWritingAtRunTime : true",
+                             "inferenceSpinWindowUs : 2500"}) {
         EXPECT_EQ(log.count(line), 1) << line;
     }
     EXPECT_EQ(log.count("modelParams.feature_pressure_min : -2"), 2);
@@ -194,6 +197,16 @@ TEST_F(PredictorParamsTest, UnknownEnumerationsWarnNamingTheValueAndTheChoice) {
     }
 }
 
+// The window's bounds are accepted as they stand; 0 turns the busy-wait off.
+TEST_F(PredictorParamsTest, SpinWindowBoundsAreAccepted) {
+    for (const char* value : {"0", "1", "50000"}) {
+        SCOPED_TRACE(value);
+        LogCapture log;
+        const PredictorParams p(withRanges({{"Pipeline.inferenceSpinWindowUs", value}}));
+        EXPECT_EQ(p.inferenceSpinWindowUs, std::stoi(value));
+    }
+}
+
 TEST_F(PredictorParamsTest, IniConfigIsRead) {
     const std::string path = config("p.ini", "[Pipeline]\nQueueFullPolicy=Reject Newest\nlogLevel=DEBUG\n"
                                              "[PredictionModel]\nnum_predictions=9\nnum_historical_points=12\n"
@@ -236,6 +249,7 @@ TEST_F(PredictorParamsTest, ValuesThatCannotWorkAreRefusedNamingFileKeyValueAndE
     const std::string ppi = "PredictionModel.pixel_per_inch";
     const std::string chunk = "Pipeline.chunkSizeInRecords";
     const std::string fill = "Pipeline.diskFillPercentTh";
+    const std::string spin = "Pipeline.inferenceSpinWindowUs";
     const struct {
         std::vector<std::pair<std::string, std::string>> keys;
         std::string refused;  // key = "value" as the message shows it
@@ -281,6 +295,10 @@ TEST_F(PredictorParamsTest, ValuesThatCannotWorkAreRefusedNamingFileKeyValueAndE
         {{{fill, "101"}}, fill + " = \"101\"", "an integer from 0 to 100"},
         {{{"Pipeline.coreaffinity", "-2"}}, "Pipeline.coreaffinity = \"-2\"", "an integer from -1 to 2147483647"},
         {{{"Pipeline.enableDataWriting", "maybe"}}, "Pipeline.enableDataWriting = \"maybe\"", "true, false, 1 or 0"},
+        {{{spin, "-1"}}, spin + " = \"-1\"", "an integer from 0 to 50000"},
+        {{{spin, "50001"}}, spin + " = \"50001\"", "an integer from 0 to 50000"},
+        {{{spin, "1.5"}}, spin + " = \"1.5\"", "an integer from 0 to 50000"},
+        {{{spin, "off"}}, spin + " = \"off\"", "an integer from 0 to 50000"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.refused);

@@ -45,6 +45,11 @@ public:
     bool predictStylusTouchPoints(const std::map<unsigned long, StylusTouchPoint>& points, bool strokeBoundary,
                                   PredictedStylusTouchPointsCpp& out);
 
+    // Runs the model once more on the input it holds, only to bring its weights and code back into
+    // the caches before a batch is due. Changes nothing a prediction depends on: a prediction writes
+    // the whole input before running and reads the outputs only after.
+    void warmUp();
+
     // Fills one model input row from a sample difference d.
     void normalize(StylusModelInputFeatures& features, const StylusTouchPoint& d) const;
 

@@ -8,9 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include "BatchArrivalEstimator.h"
 #include "DataQueue.h"
 #include "ModelPredictor.h"
 #include "PredictorParams.h"
+#include "SpinBackoff.h"
 #include "StylusDataWriter.h"
 #include "StylusPointMessage.h"
 #include "StylusStrokePredictor.h"
@@ -52,6 +54,11 @@ public:
     unsigned int getMetricsEventCount();
 
 private:
+    // Waits for the next batch; false once the input queue is stopped and drained. While a stroke is
+    // active the thread sleeps only until shortly before the next batch is due, warms the model up
+    // and busy-waits for it, so that the batch does not wait for the thread to be woken; not while
+    // the machine has shown that it has no core to spare for that.
+    bool takeNextBatch(StylusPointMessage& message);
     void recordBatch(const StylusPointMessage& message);
     void deliverPredictions(const StylusPointMessage& message, const PredictedStylusTouchPointsCpp& result);
 
@@ -67,6 +74,11 @@ private:
     std::string consentFilePath;
     DataQueue<StylusPointMessage> inputQueue;
     ModelPredictor modelPredictor;
+    BatchArrivalEstimator batchArrivals;  // inference thread only
+    SpinBackoff spinBackoff;              // inference thread only
+    // Steady-clock time at which the latest batch was handed to the queue, so that the inference
+    // thread can tell how long a batch waited for it.
+    std::atomic<int64_t> lastSendNs{0};
     std::thread inferenceThread;
     std::map<unsigned long, StylusTouchPoint> lastInputPoints;
     StylusPredictionCallback onPredictions;

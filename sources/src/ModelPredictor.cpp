@@ -308,4 +308,9 @@ bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, Styl
     return true;
 }
 
+void ModelPredictor::warmUp() {
+    // A failure here is the next prediction's to report.
+    static_cast<void>(modelRunner.runInference());
+}
+
 }  // namespace styluspipeline

@@ -2,12 +2,14 @@
 
 #include <boost/filesystem.hpp>
 #include <boost/property_tree/exceptions.hpp>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
 
+#include "BatchArrivalEstimator.h"
 #include "velmar/Config.h"
 #include "talcflow/TALCModelRunner.h"
 #include "velmar/Log.h"
@@ -27,6 +29,10 @@ constexpr int64_t kMaxPredictionStepMs = 1000;
 constexpr int64_t kMaxPixelPerInch = 100000;
 // Rows a recorder chunk holds in memory before it is written.
 constexpr int64_t kMaxChunkSizeInRecords = 1000000;
+// A window wider than the longest gap still taken for a moving pen would never let the thread sleep
+// while the pen is down.
+constexpr int64_t kMaxSpinWindowUs =
+    std::chrono::duration_cast<std::chrono::microseconds>(BatchArrivalEstimator::kMaxStrokeGap).count();
 constexpr int64_t kMaxUnsigned32 = std::numeric_limits<uint32_t>::max();
 constexpr int64_t kMaxSigned32 = std::numeric_limits<int32_t>::max();
 
@@ -235,6 +241,8 @@ PredictorParams::PredictorParams(const std::string& configFile) {
     READ_LOGGED(config.text("Pipeline.dataFileDirectory", ""), dataFileDirectory, "Data File Directory : ");
     READ_LOGGED(config.integer("Pipeline.diskFillPercentTh", 30, 0, 100), diskFillPercentTh, "diskFillPercentTh : ");
     READ_LOGGED(config.text("Pipeline.diskCheckPath", "/data/"), diskCheckPath, "diskCheckPath : ");
+    READ_LOGGED(config.integer("Pipeline.inferenceSpinWindowUs", inferenceSpinWindowUs, 0, kMaxSpinWindowUs),
+                inferenceSpinWindowUs, "inferenceSpinWindowUs : ");
 }
 
 }  // namespace styluspipeline

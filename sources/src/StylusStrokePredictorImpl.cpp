@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -15,6 +16,16 @@
 #define VELMAR_LOG_SOURCE "src/StylusStrokePredictorImpl"
 
 namespace styluspipeline {
+
+namespace {
+
+int64_t steadyNowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               BatchArrivalEstimator::Clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
 
 StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParams& hostParams)
     : params(std::string(hostParams.configFilePath)),
@@ -78,6 +89,7 @@ RecorderCounts StylusStrokePredictorImpl::recorderCounts() const {
 }
 
 bool StylusStrokePredictorImpl::sendInputTouchPoints(const StylusPointMessage& message) {
+    lastSendNs.store(steadyNowNs(), std::memory_order_relaxed);
     const bool pushed = inputQueue.push(message);
     const int32_t calls = inputCallCount.load(std::memory_order_relaxed) + 1;
     inputCallCount.store(calls, std::memory_order_relaxed);
@@ -104,10 +116,12 @@ void StylusStrokePredictorImpl::runModelInference() {
     PredictedStylusTouchPointsCpp result;
     while (true) {
         message = StylusPointMessage();
-        if (!inputQueue.pop(message)) {
+        if (!takeNextBatch(message)) {
             return;
         }
         allInputProcessed.store(false);
+        batchArrivals.noteArrival(BatchArrivalEstimator::Clock::now(),
+                                  message.hasStrokeBoundary && message.strokeBoundaryPoint.tag == STYLUS_TAG_PEN_UP);
 
         result.timestamp = 0;
         result.coordinates.clear();
@@ -158,6 +172,42 @@ void StylusStrokePredictorImpl::runModelInference() {
         }
         allInputProcessed.store(true);
     }
+}
+
+bool StylusStrokePredictorImpl::takeNextBatch(StylusPointMessage& message) {
+    using Clock = BatchArrivalEstimator::Clock;
+    const auto halfWindow = std::chrono::nanoseconds(int64_t{params.inferenceSpinWindowUs} * 1000 / 2);
+    const Clock::time_point now = Clock::now();
+    if (halfWindow.count() == 0 || !batchArrivals.strokeActive(now)) {
+        return inputQueue.pop(message);
+    }
+    if (!spinBackoff.spinAllowed()) {
+        spinBackoff.noteSkippedSpin();
+        return inputQueue.pop(message);
+    }
+    const Clock::time_point expected = batchArrivals.expectedNextArrival();
+    const Clock::time_point spinEnd = expected + halfWindow;
+    if (now >= spinEnd) {
+        return inputQueue.pop(message);
+    }
+    switch (inputQueue.popUntil(message, expected - halfWindow)) {
+        case QueuePopResult::Popped:
+            return true;
+        case QueuePopResult::Stopped:
+            return false;
+        case QueuePopResult::TimedOut:
+            break;
+    }
+    // After a sleep of most of a batch interval the model's weights are out of the caches; bringing
+    // them back now keeps that miss out of the batch's latency.
+    modelPredictor.warmUp();
+    // A late batch falls through to the ordinary wait.
+    static_cast<void>(inputQueue.spinUntilReady(spinEnd));
+    if (!inputQueue.pop(message)) {
+        return false;
+    }
+    spinBackoff.noteSpin(std::chrono::nanoseconds(steadyNowNs() - lastSendNs.load(std::memory_order_relaxed)));
+    return true;
 }
 
 void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
