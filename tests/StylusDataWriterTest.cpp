@@ -438,8 +438,10 @@ TEST(StylusDataWriterTest, DiskFillPercentIsTheUsedShareRoundedDown) {
 TEST(StylusDataWriterTest, DateTimeStringIsUtc) {
     setenv("TZ", "XYZ-5", 1);  // local time 5 h ahead: a local-time stamp would differ from UTC
     tzset();
+    // The same clock the writer reads: time() is the coarse clock, which can still show the previous
+    // second after the precise one has moved on.
     auto utcNow = [] {
-        std::time_t now = std::time(nullptr);
+        const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
         std::tm utc{};
         char text[32];
         return std::string(text, std::strftime(text, sizeof(text), "%Y-%m-%d_%H-%M-%S", gmtime_r(&now, &utc)));
