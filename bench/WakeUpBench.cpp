@@ -63,6 +63,20 @@ void report(benchmark::State& state, const std::vector<int64_t>& sent, const std
     state.counters["consumer_cpu_percent"] = 100.0 * consumerCpu / wallSeconds;
 }
 
+// The host's side: one batch every pen period into the queue, the push's call time kept in sent;
+// stops the queue at the end and gives the run's wall time in seconds.
+double sendAtPenRate(DataQueue<StylusPointMessage>& queue, std::vector<int64_t>& sent) {
+    const StylusPointMessage batch = batchOfFour();
+    const auto begin = Clock::now();
+    for (int i = 0; i < kBatches; ++i) {
+        std::this_thread::sleep_until(begin + kPenPeriod * (i + 1));
+        sent[static_cast<size_t>(i)] = nowNs();
+        queue.push(batch);
+    }
+    queue.stop();
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
 void BM_WakeUpFromQueueWait(benchmark::State& state) {
     for (auto _ : state) {
         DataQueue<StylusPointMessage> queue(1, QueueFullPolicy::Block);
@@ -74,16 +88,9 @@ void BM_WakeUpFromQueueWait(benchmark::State& state) {
             for (int i = 0; queue.pop(message); ++i) woke[static_cast<size_t>(i)] = nowNs();
             cpu = threadCpuSeconds() - start;
         });
-        const StylusPointMessage batch = batchOfFour();
-        const auto begin = Clock::now();
-        for (int i = 0; i < kBatches; ++i) {
-            std::this_thread::sleep_until(begin + kPenPeriod * (i + 1));
-            sent[static_cast<size_t>(i)] = nowNs();
-            queue.push(batch);
-        }
-        queue.stop();
+        const double wallSeconds = sendAtPenRate(queue, sent);
         consumer.join();
-        report(state, sent, woke, cpu, std::chrono::duration<double>(Clock::now() - begin).count());
+        report(state, sent, woke, cpu, wallSeconds);
     }
 }
 BENCHMARK(BM_WakeUpFromQueueWait)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
@@ -158,16 +165,9 @@ void BM_WakeUpWithSpinWindow(benchmark::State& state) {
             }
             cpu = threadCpuSeconds() - start;
         });
-        const StylusPointMessage batch = batchOfFour();
-        const auto begin = Clock::now();
-        for (int i = 0; i < kBatches; ++i) {
-            std::this_thread::sleep_until(begin + kPenPeriod * (i + 1));
-            sent[static_cast<size_t>(i)] = nowNs();
-            queue.push(batch);
-        }
-        queue.stop();
+        const double wallSeconds = sendAtPenRate(queue, sent);
         consumer.join();
-        report(state, sent, woke, cpu, std::chrono::duration<double>(Clock::now() - begin).count());
+        report(state, sent, woke, cpu, wallSeconds);
     }
 }
 BENCHMARK(BM_WakeUpWithSpinWindow)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
