@@ -15,16 +15,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "RecordingFormat.h"
 #include "TestSupport.h"
 
+using testsupport::filesIn;
 using testsupport::LogCapture;
 using testsupport::readFile;
 using testsupport::TempDir;
@@ -82,31 +81,10 @@ std::string countsLine(uint64_t accepted, uint64_t written, uint64_t lost, uint6
            std::to_string(refused);
 }
 
-// Waits for the writer thread to reach a state; the deadline only keeps a broken build from hanging.
-bool waitFor(const std::function<bool()>& reached) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!reached()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 std::string utcStamp(std::time_t time) {
     std::tm utc{};
     char text[32];
     return std::string(text, std::strftime(text, sizeof(text), "%Y-%m-%d_%H-%M-%S", gmtime_r(&time, &utc)));
-}
-
-std::vector<std::string> filesIn(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const auto& entry : boost::filesystem::directory_iterator(dir)) {
-        names.push_back(entry.path().string());
-    }
-    std::sort(names.begin(), names.end());  // time-stamped names sort in creation order
-    return names;
 }
 
 }  // namespace
@@ -168,9 +146,8 @@ TEST(StylusDataWriterTest, PartialChunkFullDiskAndFullQueueAreCountedLostOrRefus
     StylusDataWriterParams full = recording(dir.path(), 2, 2);
     full.diskFillPercentTh = -1;
     expectCounts(record(full, 1, 6), 6, 0, 6, 0);
-    const std::regex skip("Disk Fill Percentage : \\d+ greater than allowed \\(-1\\)\\. Skipping data write");
-    const auto messages = log.messages();
-    EXPECT_EQ(std::count_if(messages.begin(), messages.end(), [&](const std::string& m) { return std::regex_match(m, skip); }), 3);
+    EXPECT_EQ(log.countMatching(std::regex("Disk Fill Percentage : \\d+ greater than allowed \\(-1\\)\\. Skipping data write")),
+              3);
     EXPECT_TRUE(filesIn(dir.path()).empty());
 
     full.queueCapacity = 0;  // every push is refused, never waited for
@@ -225,8 +202,7 @@ TEST(StylusDataWriterTest, MissingDirectoryKeepsRunningAndFailsEachOpen) {
     // One per chunk: the state stays "no file" and the next chunk tries again.
     const std::regex cannotOpen("Cannot open file : " + missing + "/stylus_input_events_[-_0-9]+\\.dat\\.tmp for writing "
                                 "stylus data \\(cannot create .*: No such file or directory\\)");
-    const auto messages = log.messages();
-    EXPECT_EQ(std::count_if(messages.begin(), messages.end(), [&](const std::string& m) { return std::regex_match(m, cannotOpen); }), 2);
+    EXPECT_EQ(log.countMatching(cannotOpen), 2);
     EXPECT_EQ(log.countPrefix("Chunk "), 0);
     EXPECT_TRUE(filesIn(dir.path()).empty());
 }
@@ -271,9 +247,8 @@ TEST(StylusDataWriterTest, FullFileSystemKeepsTheWholeRowsThatFit) {
                         std::to_string(7 - fitting % 7) + " rows lost, " + std::to_string(fitting) + " kept in the file"),
               1);
     // Every later chunk opens a new file that cannot take its header.
-    const auto messages = log.messages();
-    const std::regex noHeader("Recording stopped: cannot write .*: No space left on device; 7 rows lost, 0 kept in the file");
-    EXPECT_GE(std::count_if(messages.begin(), messages.end(), [&](const std::string& m) { return std::regex_match(m, noHeader); }), 1);
+    EXPECT_GE(log.countMatching(std::regex("Recording stopped: cannot write .*: No space left on device; 7 rows lost, "
+                                           "0 kept in the file")), 1);
 }
 
 TEST(StylusDataWriterTest, RemovedDirectoryIsReportedAndNotRecreated) {
@@ -288,7 +263,7 @@ TEST(StylusDataWriterTest, RemovedDirectoryIsReportedAndNotRecreated) {
         ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
     }
     std::string tmp;
-    ASSERT_TRUE(waitFor([&] {
+    ASSERT_TRUE(testsupport::waitUntil([&] {
         const auto files = filesIn(recordings);
         tmp = files.empty() ? "" : files[0];
         return !tmp.empty() && readFile(tmp) == kHeader + rows(1, 4);
@@ -440,12 +415,7 @@ TEST(StylusDataWriterTest, DateTimeStringIsUtc) {
     tzset();
     // The same clock the writer reads: time() is the coarse clock, which can still show the previous
     // second after the precise one has moved on.
-    auto utcNow = [] {
-        const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-        std::tm utc{};
-        char text[32];
-        return std::string(text, std::strftime(text, sizeof(text), "%Y-%m-%d_%H-%M-%S", gmtime_r(&now, &utc)));
-    };
+    auto utcNow = [] { return utcStamp(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())); };
     const std::string before = utcNow();
     const std::string stamp = StylusDataWriter::getCurrentDateTimeString();
     const std::string after = utcNow();

@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace testsupport {
 
@@ -58,6 +61,34 @@ int LogCapture::countPrefix(const std::string& prefix) const {
     return n;
 }
 
+int LogCapture::countMatching(const std::regex& pattern) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<int>(std::count_if(captured.begin(), captured.end(), [&](const CapturedLine& line) {
+        return std::regex_match(line.message, pattern);
+    }));
+}
+
+int LogCapture::priorityOf(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& line : captured) {
+        if (line.message == text) {
+            return line.priority;
+        }
+    }
+    return -1;
+}
+
+std::vector<std::string> LogCapture::messagesAt(velmar::LogPriority priority) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<std::string> result;
+    for (const auto& line : captured) {
+        if (line.priority == priority) {
+            result.push_back(line.message);
+        }
+    }
+    return result;
+}
+
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(mutex);
     captured.clear();
@@ -79,6 +110,46 @@ void writeFile(const std::string& path, const std::string& content) {
         throw std::runtime_error("cannot write " + path);
     }
     out << content;
+}
+
+std::vector<std::string> filesIn(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : boost::filesystem::directory_iterator(dir)) {
+        names.push_back(entry.path().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool waitUntil(const std::function<bool()>& reached) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!reached()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : name(name) {
+    if (const char* old = std::getenv(name)) {
+        saved = old;
+        hadValue = true;
+    }
+    if (value == nullptr) {
+        unsetenv(name);
+    } else {
+        setenv(name, value, 1);
+    }
+}
+
+ScopedEnvironment::~ScopedEnvironment() {
+    if (hadValue) {
+        setenv(name, saved.c_str(), 1);
+    } else {
+        unsetenv(name);
+    }
 }
 
 }  // namespace testsupport

@@ -1,8 +1,10 @@
-// Shared test fixtures: the test kit's temporary directory and generated models, and a capture of the lines the
-// library reports through the logger.
+// Shared test fixtures: the test kit's temporary directory and generated models, a capture of the lines the
+// library reports through the logger, and the file and waiting helpers several suites need.
 #pragma once
 
+#include <functional>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,10 @@ public:
     int count(const std::string& text) const;
     int countPrefix(const std::string& prefix) const;
     bool contains(const std::string& text) const { return count(text) > 0; }
+    int countMatching(const std::regex& pattern) const;
+    // Priority of the first line whose message equals text, -1 when there is none.
+    int priorityOf(const std::string& text) const;
+    std::vector<std::string> messagesAt(velmar::LogPriority priority) const;
     void clear();
 
 private:
@@ -46,5 +52,23 @@ private:
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
+// Full paths of the directory's entries, sorted (time-stamped names sort in creation order).
+std::vector<std::string> filesIn(const std::string& dir);
+// Polls until reached() holds; false after 30 s, which only keeps a broken build from hanging.
+bool waitUntil(const std::function<bool()>& reached);
+
+// Sets (or, given null, unsets) an environment variable for one scope and restores the previous state.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment(const char* name, const char* value);
+    ~ScopedEnvironment();
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+private:
+    const char* name;
+    std::string saved;
+    bool hadValue = false;
+};
 
 }  // namespace testsupport
