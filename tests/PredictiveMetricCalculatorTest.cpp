@@ -2,11 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <boost/filesystem.hpp>
-
 #include <cmath>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
@@ -54,26 +51,6 @@ double signedAngle(double ax, double ay, double bx, double by) {
     return deg > 180.0 ? deg - 360.0 : (deg <= -180.0 ? deg + 360.0 : deg);
 }
 
-int priorityOf(const LogCapture& log, const std::string& text) {
-    for (const auto& line : log.lines()) {
-        if (line.message == text) {
-            return line.priority;
-        }
-    }
-    return -1;
-}
-
-bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
-
-std::vector<std::string> filesIn(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const auto& entry : boost::filesystem::directory_iterator(dir)) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 class PredictiveMetricCalculatorTest : public ::testing::Test {
 protected:
     // 0.1 mm per pixel by default; unit = 1 mm per pixel.
@@ -101,8 +78,8 @@ TEST_F(PredictiveMetricCalculatorTest, MeasuresThirdInferenceAfterClearAboutTheV
                                                         "No matching prediction data, skip calculating metircs",
                                                         "Missing vertex point, skip this data point",
                                                         "Setting Predictions", "Prediction is valid: true"}));
-    EXPECT_EQ(priorityOf(log, "No matching prediction data, skip calculating metircs"), velmar::Debug);
-    EXPECT_EQ(priorityOf(log, "Prediction is valid: true"), velmar::Verbose);
+    EXPECT_EQ(log.priorityOf("No matching prediction data, skip calculating metircs"), velmar::Debug);
+    EXPECT_EQ(log.priorityOf("Prediction is valid: true"), velmar::Verbose);
     for (const auto& line : log.lines()) {
         EXPECT_EQ(line.tag, "StylusPredictor-PredErr");
     }
@@ -140,7 +117,7 @@ TEST_F(PredictiveMetricCalculatorTest, InvalidPredictionSetsAreSkippedButConsume
     infer(*calc, pt(31, 0), pt(40, 0), coord(0, 0));
     EXPECT_EQ(log.count("Prediction is valid: false"), 2);
     EXPECT_EQ(log.count("Invalid prediction data, skip this data point"), 2);
-    EXPECT_EQ(priorityOf(log, "Invalid prediction data, skip this data point"), velmar::Debug);
+    EXPECT_EQ(log.priorityOf("Invalid prediction data, skip this data point"), velmar::Debug);
     EXPECT_EQ(calc->getEventCount(), 0u);
     // The prediction of the third inference is measured about that inference's last sample.
     calc->setGroundTruth(batch(pt(50, 10), pt(50, 0)));
@@ -160,7 +137,7 @@ TEST_F(PredictiveMetricCalculatorTest, OutOfStepInputRestartsThePairing) {
         infer(*calc, pt(2, 2), pt(3, 3), coord(5, 5));
         calc->setGroundTruth(batch(pt(4, 4), pt(60, 0), size));
         EXPECT_EQ(log.count("Setting ground-truth with size: " + std::to_string(size)), 1);
-        EXPECT_EQ(priorityOf(log, "Error in setting GT, insufficient data"), velmar::Debug);
+        EXPECT_EQ(log.priorityOf("Error in setting GT, insufficient data"), velmar::Debug);
         EXPECT_EQ(log.count("Clear called, resetting caches"), 1);
         calc->setPredictions(preds(coord(80, 20)));
         infer(*calc, pt(61, 0), pt(62, 0), coord(0, 0));
@@ -176,7 +153,7 @@ TEST_F(PredictiveMetricCalculatorTest, OutOfStepInputRestartsThePairing) {
     calc->setPredictions(preds(coord(2, 2)));
     EXPECT_EQ(log.count("Clear called, resetting caches"), 0);
     calc->setPredictions(preds(coord(2, 2)));
-    EXPECT_EQ(priorityOf(log, "Error in calculating metrics, prediction not used"), velmar::Error);
+    EXPECT_EQ(log.priorityOf("Error in calculating metrics, prediction not used"), velmar::Error);
     EXPECT_EQ(log.count("Clear called, resetting caches"), 1);
     // Both queues were emptied: two more inferences before the first measurement.
     infer(*calc, pt(3, 3), pt(4, 4), coord(5, 5));
@@ -246,7 +223,7 @@ TEST_F(PredictiveMetricCalculatorTest, WeightOfHistoryIsCappedAtTargetCount) {
 TEST_F(PredictiveMetricCalculatorTest, SavesEveryIntervalMeasuredPointsAndOnDestruction) {
     auto calc = make(1000, 2, path, true);
     calc->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
-    EXPECT_FALSE(fileExists(path));
+    EXPECT_FALSE(boost::filesystem::exists(path));
     calc->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
     EXPECT_EQ(testsupport::readFile(path), "2,1,0,0,0");
     calc->calculateMetrics(pt(3, 0), coord(0, 0), pt(-1, 0));
@@ -259,7 +236,7 @@ TEST_F(PredictiveMetricCalculatorTest, SavesEveryIntervalMeasuredPointsAndOnDest
     for (int i = 0; i < 5; ++i) {
         unsaved->calculateMetrics(pt(1, 0), coord(0, 0), pt(-1, 0));
     }
-    EXPECT_FALSE(fileExists(never));
+    EXPECT_FALSE(boost::filesystem::exists(never));
     LogCapture log;
     unsaved.reset();
     EXPECT_EQ(testsupport::readFile(never), "5,1,0,0,0");
@@ -344,7 +321,7 @@ TEST_F(PredictiveMetricCalculatorTest, BadMetricsFileStartsFreshAndLogsWhy) {
         auto fresh = make(1000, 0, path, true);
         EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
         const std::string why = "Metrics file " + path + " not used (" + reason + "), starting fresh";
-        EXPECT_EQ(priorityOf(log, why), velmar::Error);
+        EXPECT_EQ(log.priorityOf(why), velmar::Error);
         EXPECT_EQ(log.countPrefix("Loaded metrics from "), 0);
 
         testsupport::writeFile(dir.file("good"), "7,2.5,1,2,0.5");
@@ -368,15 +345,15 @@ TEST_F(PredictiveMetricCalculatorTest, SaveReplacesTheFileWholeByRename) {
     ASSERT_EQ(stat(path.c_str(), &after), 0);
     EXPECT_NE(after.st_ino, before.st_ino) << "rewritten in place";
     EXPECT_EQ(testsupport::readFile(path), "4,2,11.25,506.25,0");
-    EXPECT_EQ(filesIn(dir.path()), std::vector<std::string>{"runningMetrics.txt"}) << "a temporary file was left";
+    EXPECT_EQ(testsupport::filesIn(dir.path()), std::vector<std::string>{path}) << "a temporary file was left";
 
     // When the rename fails, the temporary file goes and the error is logged with its reason.
     const std::string blocked = dir.file("blocked");
     boost::filesystem::create_directories(blocked + "/inside");
     LogCapture log;
     calc->saveMetrics(blocked);
-    EXPECT_EQ(priorityOf(log, "Error in writing file : " + blocked + " (Is a directory)"), velmar::Error);
-    EXPECT_EQ(filesIn(dir.path()), (std::vector<std::string>{"blocked", "runningMetrics.txt"}));
+    EXPECT_EQ(log.priorityOf("Error in writing file : " + blocked + " (Is a directory)"), velmar::Error);
+    EXPECT_EQ(testsupport::filesIn(dir.path()), (std::vector<std::string>{blocked, path}));
 }
 
 TEST_F(PredictiveMetricCalculatorTest, NonFiniteAndAbsurdErrorsAreNotFoldedIn) {
@@ -403,13 +380,13 @@ TEST_F(PredictiveMetricCalculatorTest, MissingFileLoadsZerosAndAnUnwritableOneLo
     const std::string bad = dir.file("absent/runningMetrics.txt");
     LogCapture log;
     auto calc = make(50000, 0, bad);
-    EXPECT_EQ(priorityOf(log, "Error in reading file: " + bad), velmar::Error);
+    EXPECT_EQ(log.priorityOf("Error in reading file: " + bad), velmar::Error);
     EXPECT_EQ(log.countPrefix("Loaded metrics from "), 0);
     EXPECT_EQ(saved(*calc), "0,0,0,0,0");
     calc->saveMetrics(bad);
     calc->saveMetrics(bad);
     EXPECT_EQ(log.count("Error in opening file : " + bad), 2);
-    EXPECT_EQ(priorityOf(log, "Error in opening file : " + bad), velmar::Error);
+    EXPECT_EQ(log.priorityOf("Error in opening file : " + bad), velmar::Error);
     calc.reset();
     EXPECT_EQ(log.count("Error in opening file : " + bad), 3);
     EXPECT_EQ(log.countPrefix("Save metrics to "), 1);  // only the one to saved.txt
