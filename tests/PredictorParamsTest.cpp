@@ -68,29 +68,26 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
                               m.target_event_count, m.save_metrics_interval, m.predictionErrorMeasurementWindow),
               std::make_tuple(dir.path() + "/UNDEFINED", 0.5f, 5, 4, 25u, 25u, 25.4f, 213u, -2.0f, 2.0f, false, 50000u,
                               5000u, 120));
+    Lines expected{"Predictor Config File : " + path, "QueueFull Policy : Block", "Setting Info loglevel",
+                   "Cpuset file name : ", "core affinity to use (if cpuset file is not specified) : -1",
+                   "Input Config file Base Directory : \"" + dir.path() + "\"",
+                   "modelParams.model_path : " + dir.path() + "/UNDEFINED", "modelParams.stroke_end_thres : 0.5",
+                   "modelParams.num_predictions : 5", "modelParams.prediction_time_delta_ms : 4",
+                   "modelParams.num_historcal_points : 25", "modelParams.min_num_historical_points : 25",
+                   "modelParams.mm_per_inch : 25.4", "modelParams.pixel_per_inch : 213"};
     // The pressure range is logged twice, as the configuration reader always did.
-    EXPECT_EQ(log.messages(),
-              (Lines{"Predictor Config File : " + path, "QueueFull Policy : Block", "Setting Info loglevel",
-                     "Cpuset file name : ", "core affinity to use (if cpuset file is not specified) : -1",
-                     "Input Config file Base Directory : \"" + dir.path() + "\"",
-                     "modelParams.model_path : " + dir.path() + "/UNDEFINED", "modelParams.stroke_end_thres : 0.5",
-                     "modelParams.num_predictions : 5", "modelParams.prediction_time_delta_ms : 4",
-                     "modelParams.num_historcal_points : 25", "modelParams.min_num_historical_points : 25",
-                     "modelParams.mm_per_inch : 25.4", "modelParams.pixel_per_inch : 213",
-                     "modelParams.feature_timestamp_max : 2", "modelParams.feature_timestamp_min : -2",
-                     "modelParams.feature_xpos_max : 2", "modelParams.feature_xpos_min : -2",
-                     "modelParams.feature_ypos_max : 2", "modelParams.feature_ypos_min : -2",
-                     "modelParams.feature_tilt_max : 2", "modelParams.feature_tilt_min : -2",
-                     "modelParams.feature_pressure_max : 2", "modelParams.feature_pressure_min : -2",
-                     "modelParams.feature_orientation_max : 2", "modelParams.feature_orientation_min : -2",
-                     "modelParams.feature_pressure_max : 2", "modelParams.feature_pressure_min : -2",
-                     "modelParams.use_raw_pressure : false", "modelParams.target_event_count : 50000",
+    for (const std::string feature : {"timestamp", "xpos", "ypos", "tilt", "pressure", "orientation", "pressure"}) {
+        expected.push_back("modelParams.feature_" + feature + "_max : 2");
+        expected.push_back("modelParams.feature_" + feature + "_min : -2");
+    }
+    expected.insert(expected.end(),
+                    {"modelParams.use_raw_pressure : false", "modelParams.target_event_count : 50000",
                      "modelParams.save_metrics_interval : 5000", "modelParams.predictionErrorMeasurementWindow : 120",
-                     "modelParams.inference_engine : auto",
-                     "Enable debug writing : false", "canControlDataWritingAtRunTime : false",
-                     "chunkSizeInRecords : 100", "numChunksInFile : 100000",
+                     "modelParams.inference_engine : auto", "Enable debug writing : false",
+                     "canControlDataWritingAtRunTime : false", "chunkSizeInRecords : 100", "numChunksInFile : 100000",
                      "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30",
-                     "diskCheckPath : /data/", "inferenceSpinWindowUs : 1000"}));
+                     "diskCheckPath : /data/", "inferenceSpinWindowUs : 1000"});
+    EXPECT_EQ(log.messages(), expected);
     for (const auto& line : log.lines()) {
         EXPECT_EQ(std::make_tuple(line.priority, line.tag, line.function),
                   std::make_tuple(velmar::Info, std::string("StylusPredictor-params"), std::string("PredictorParams")));
@@ -138,62 +135,47 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
     EXPECT_EQ(log.count("modelParams.feature_pressure_min : -2"), 2);
 }
 
-TEST_F(PredictorParamsTest, PolicyAndLogLevelMatchExactSpellingOnly) {
+// Anything but the exact spellings falls back, with a warning naming the value and the choice. The level
+// is set before its own line, so that line passes the filter it just set; the policy's line before it
+// does not pass the capture's filter.
+TEST_F(PredictorParamsTest, PolicyAndLogLevelMatchExactSpellingOnlyAndWarnOtherwise) {
+    const auto policyWarning = [](const std::string& value) {
+        return "unknown Pipeline.QueueFullPolicy \"" + value + "\" (expected \"Block\" or \"Reject Newest\"): using Reject Newest";
+    };
+    const auto levelWarning = [](const std::string& value) {
+        return "unknown Pipeline.logLevel \"" + value + "\" (expected \"VERBOSE\", \"DEBUG\" or \"INFO\"): using INFO";
+    };
     const struct {
         const char* policy;
         const char* level;
         QueueFullPolicy expectedPolicy;
         int32_t expectedPriority;
         const char* expectedLine;
+        Lines warnings;
     } cases[] = {
-        {"Block", "VERBOSE", QueueFullPolicy::Block, velmar::Verbose, "Setting Verbose loglevel"},
-        {"block", "DEBUG", QueueFullPolicy::RejectNewest, velmar::Debug, "Setting Debug loglevel"},
-        {"Block ", "debug", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel"},
-        {"BLOCK", "ERROR", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.policy) + "/" + c.level);
-        const std::string path = withRanges({{"Pipeline.QueueFullPolicy", c.policy}, {"Pipeline.logLevel", c.level}});
-        LogCapture log(velmar::Error);
-        const PredictorParams p(path);
-        EXPECT_EQ(p.queueFullPolicy, c.expectedPolicy);
-        EXPECT_EQ(velmar::Log::m_GlobalPriority.load(), c.expectedPriority);
-        // The priority is set before its line, so the line passes the filter it just set.
-        EXPECT_EQ(log.count(c.expectedLine), 1);
-        EXPECT_EQ(log.countPrefix("QueueFull Policy"), 0);
-    }
-}
-
-TEST_F(PredictorParamsTest, UnknownEnumerationsWarnNamingTheValueAndTheChoice) {
-    const struct {
-        const char* policy;
-        const char* level;
-        std::vector<std::string> warnings;
-    } cases[] = {
-        {"Block", "INFO", {}},
-        {"Reject Newest", "VERBOSE", {}},
-        {"block", "DEBUG",
-         {"unknown Pipeline.QueueFullPolicy \"block\" (expected \"Block\" or \"Reject Newest\"): using Reject Newest"}},
-        {"Reject", "debug",
-         {"unknown Pipeline.QueueFullPolicy \"Reject\" (expected \"Block\" or \"Reject Newest\"): using Reject Newest",
-          "unknown Pipeline.logLevel \"debug\" (expected \"VERBOSE\", \"DEBUG\" or \"INFO\"): using INFO"}},
+        {"Block", "VERBOSE", QueueFullPolicy::Block, velmar::Verbose, "Setting Verbose loglevel", {}},
+        {"Reject Newest", "INFO", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel", {}},
+        {"block", "DEBUG", QueueFullPolicy::RejectNewest, velmar::Debug, "Setting Debug loglevel", {policyWarning("block")}},
+        {"Reject", "INFO", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel", {policyWarning("Reject")}},
+        {"Block ", "debug", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel",
+         {policyWarning("Block "), levelWarning("debug")}},
+        {"BLOCK", "ERROR", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel",
+         {policyWarning("BLOCK"), levelWarning("ERROR")}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.policy) + "/" + c.level);
         const std::string path = withRanges({{"Pipeline.QueueFullPolicy", c.policy}, {"Pipeline.logLevel", c.level}});
         LogCapture log(velmar::Warning);
         const PredictorParams p(path);
-        std::vector<std::string> warnings;
-        for (const auto& line : log.lines()) {
-            if (line.priority == velmar::Warning) {
-                warnings.push_back(line.message);
-            }
-        }
-        std::vector<std::string> expected;
+        EXPECT_EQ(p.queueFullPolicy, c.expectedPolicy);
+        EXPECT_EQ(velmar::Log::m_GlobalPriority.load(), c.expectedPriority);
+        EXPECT_EQ(log.count(c.expectedLine), 1);
+        EXPECT_EQ(log.countPrefix("QueueFull Policy"), 0);
+        Lines expected;
         for (const auto& warning : c.warnings) {
             expected.push_back(path + ": " + warning);
         }
-        EXPECT_EQ(warnings, expected);
+        EXPECT_EQ(log.messagesAt(velmar::Warning), expected);
     }
 }
 
@@ -243,63 +225,48 @@ TEST_F(PredictorParamsTest, BareFileNamePutsModelAtRoot) {
 TEST_F(PredictorParamsTest, ValuesThatCannotWorkAreRefusedNamingFileKeyValueAndExpectation) {
     const std::string history = "PredictionModel.num_historical_points";
     const std::string minimum = "PredictionModel.min_num_historical_points";
-    const std::string count = "PredictionModel.num_predictions";
-    const std::string step = "PredictionModel.prediction_time_delta_ms";
-    const std::string mm = "PredictionModel.mm_per_inch";
-    const std::string ppi = "PredictionModel.pixel_per_inch";
-    const std::string chunk = "Pipeline.chunkSizeInRecords";
-    const std::string fill = "Pipeline.diskFillPercentTh";
-    const std::string spin = "Pipeline.inferenceSpinWindowUs";
-    const struct {
+    struct Refusal {
         std::vector<std::pair<std::string, std::string>> keys;
         std::string refused;  // key = "value" as the message shows it
         std::string expected;
-    } cases[] = {
-        {{{history, "0"}}, history + " = \"0\"", "an integer from 1 to 1024"},
-        {{{history, "-1"}}, history + " = \"-1\"", "an integer from 1 to 1024"},
-        {{{history, "2000000000"}}, history + " = \"2000000000\"", "an integer from 1 to 1024"},
-        {{{history, "1e8"}}, history + " = \"1e8\"", "an integer from 1 to 1024"},
-        {{{history, "ten"}}, history + " = \"ten\"", "an integer from 1 to 1024"},
+    };
+    std::vector<Refusal> cases = {
         {{{history, "10"}, {minimum, "-1"}}, minimum + " = \"-1\"", "an integer from 0 to 10"},
         {{{history, "10"}, {minimum, "11"}}, minimum + " = \"11\"", "an integer from 0 to 10"},
-        {{{count, "0"}}, count + " = \"0\"", "an integer from 1 to 1024"},
-        {{{count, "-5"}}, count + " = \"-5\"", "an integer from 1 to 1024"},
-        {{{count, "2147483647"}}, count + " = \"2147483647\"", "an integer from 1 to 1024"},
-        {{{count, "five"}}, count + " = \"five\"", "an integer from 1 to 1024"},
-        {{{step, "0"}}, step + " = \"0\"", "an integer from 1 to 1000"},
-        {{{step, "-4"}}, step + " = \"-4\"", "an integer from 1 to 1000"},
-        {{{mm, "0"}}, mm + " = \"0\"", "a finite number above 0"},
-        {{{mm, "-25.4"}}, mm + " = \"-25.4\"", "a finite number above 0"},
-        {{{mm, "1e39"}}, mm + " = \"1e39\"", "a finite number above 0"},
-        {{{mm, "nan"}}, mm + " = \"nan\"", "a finite number above 0"},
-        {{{ppi, "0"}}, ppi + " = \"0\"", "an integer from 1 to 100000"},
-        {{{ppi, "-2"}}, ppi + " = \"-2\"", "an integer from 1 to 100000"},
-        {{{"PredictionModel.stroke_end_thres", "0"}}, "PredictionModel.stroke_end_thres = \"0\"",
-         "a finite number above 0"},
         {{{"PredictionModel.feature_xpos_min", "2"}},
          "PredictionModel.feature_xpos_min = \"2\" and PredictionModel.feature_xpos_max = \"2\"",
          "the minimum below the maximum"},
         {{{"PredictionModel.feature_tilt_min", "3"}},
          "PredictionModel.feature_tilt_min = \"3\" and PredictionModel.feature_tilt_max = \"2\"",
          "the minimum below the maximum"},
-        {{{"PredictionModel.feature_ypos_max", "inf"}}, "PredictionModel.feature_ypos_max = \"inf\"",
-         "a finite number"},
-        {{{"PredictionModel.target_event_count", "-1"}}, "PredictionModel.target_event_count = \"-1\"",
-         "an integer from 0 to 4294967295"},
-        {{{"PredictionModel.use_raw_pressure", "yes"}}, "PredictionModel.use_raw_pressure = \"yes\"",
-         "true, false, 1 or 0"},
-        {{{chunk, "0"}}, chunk + " = \"0\"", "an integer from 1 to 1000000"},
-        {{{chunk, "-1"}}, chunk + " = \"-1\"", "an integer from 1 to 1000000"},
-        {{{"Pipeline.numChunksInFile", "0"}}, "Pipeline.numChunksInFile = \"0\"", "an integer from 1 to 2147483647"},
-        {{{fill, "-1"}}, fill + " = \"-1\"", "an integer from 0 to 100"},
-        {{{fill, "101"}}, fill + " = \"101\"", "an integer from 0 to 100"},
-        {{{"Pipeline.coreaffinity", "-2"}}, "Pipeline.coreaffinity = \"-2\"", "an integer from -1 to 2147483647"},
-        {{{"Pipeline.enableDataWriting", "maybe"}}, "Pipeline.enableDataWriting = \"maybe\"", "true, false, 1 or 0"},
-        {{{spin, "-1"}}, spin + " = \"-1\"", "an integer from 0 to 50000"},
-        {{{spin, "50001"}}, spin + " = \"50001\"", "an integer from 0 to 50000"},
-        {{{spin, "1.5"}}, spin + " = \"1.5\"", "an integer from 0 to 50000"},
-        {{{spin, "off"}}, spin + " = \"off\"", "an integer from 0 to 50000"},
     };
+    const struct {
+        std::string key;
+        std::vector<std::string> values;
+        std::string expected;
+    } oneKey[] = {
+        {history, {"0", "-1", "2000000000", "1e8", "ten"}, "an integer from 1 to 1024"},
+        {"PredictionModel.num_predictions", {"0", "-5", "2147483647", "five"}, "an integer from 1 to 1024"},
+        {"PredictionModel.prediction_time_delta_ms", {"0", "-4"}, "an integer from 1 to 1000"},
+        {"PredictionModel.mm_per_inch", {"0", "-25.4", "1e39", "nan"}, "a finite number above 0"},
+        {"PredictionModel.pixel_per_inch", {"0", "-2"}, "an integer from 1 to 100000"},
+        {"PredictionModel.stroke_end_thres", {"0"}, "a finite number above 0"},
+        {"PredictionModel.feature_ypos_max", {"inf"}, "a finite number"},
+        {"PredictionModel.target_event_count", {"-1"}, "an integer from 0 to 4294967295"},
+        {"PredictionModel.use_raw_pressure", {"yes"}, "true, false, 1 or 0"},
+        {"PredictionModel.inference_engine", {"tflite"}, "auto, xnnpack or armnn"},
+        {"Pipeline.chunkSizeInRecords", {"0", "-1"}, "an integer from 1 to 1000000"},
+        {"Pipeline.numChunksInFile", {"0"}, "an integer from 1 to 2147483647"},
+        {"Pipeline.diskFillPercentTh", {"-1", "101"}, "an integer from 0 to 100"},
+        {"Pipeline.coreaffinity", {"-2"}, "an integer from -1 to 2147483647"},
+        {"Pipeline.enableDataWriting", {"maybe"}, "true, false, 1 or 0"},
+        {"Pipeline.inferenceSpinWindowUs", {"-1", "50001", "1.5", "off"}, "an integer from 0 to 50000"},
+    };
+    for (const auto& row : oneKey) {
+        for (const auto& value : row.values) {
+            cases.push_back({{{row.key, value}}, row.key + " = \"" + value + "\"", row.expected});
+        }
+    }
     for (const auto& c : cases) {
         SCOPED_TRACE(c.refused);
         const std::string path = withRanges(c.keys);
@@ -311,13 +278,7 @@ TEST_F(PredictorParamsTest, ValuesThatCannotWorkAreRefusedNamingFileKeyValueAndE
         } catch (const boost::property_tree::ptree_bad_data& e) {
             EXPECT_EQ(e.what(), message);
         }
-        std::vector<std::string> errors;
-        for (const auto& line : log.lines()) {
-            if (line.priority == velmar::Error) {
-                errors.push_back(line.message);
-            }
-        }
-        EXPECT_EQ(errors, std::vector<std::string>{message});
+        EXPECT_EQ(log.messagesAt(velmar::Error), Lines{message});
     }
 }
 
