@@ -104,6 +104,30 @@ protected:
     std::unique_ptr<ModelPredictor> make(const ModelPredictorParams& p) {
         return std::make_unique<ModelPredictor>(p, dir.file("runningMetrics.txt"));
     }
+    // A predictor that keeps all five points of each inference, so every third inference is measured,
+    // after the first eight samples of the curved stroke.
+    std::unique_ptr<ModelPredictor> measuredAfterTwoBatches(const char* model) {
+        ModelPredictorParams p = makeParams(model, 10, 3);
+        p.stroke_end_thres = 2.0f;
+        p.target_event_count = 1000;
+        auto predictor = make(p);
+        EXPECT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), false, out));
+        EXPECT_TRUE(predictor->predictStylusTouchPoints(samples(4, 7), false, out));
+        return predictor;
+    }
+    // The rest of the curved stroke: every delivered point finite and on a screen, the stroke's own
+    // errors far below what one wrapped step or absurd sample gave (some 1e14 mm).
+    void finishStroke(ModelPredictor& predictor) {
+        for (int first = 12; first < 40; first += 4) {
+            ASSERT_TRUE(predictor.predictStylusTouchPoints(samples(first, first + 3), false, out));
+            for (const auto& point : out.coordinates) {
+                EXPECT_LE(std::fabs(point.x), ModelPredictor::kMaxPredictedCoordinatePx);
+                EXPECT_LE(std::fabs(point.y), ModelPredictor::kMaxPredictedCoordinatePx);
+            }
+        }
+        EXPECT_GT(predictor.getMetricsEventCount(), 0u);
+        EXPECT_LT(predictor.getMetricsDistanceError(), kStrokeErrorBoundMm);
+    }
 
     testsupport::TempDir dir;
     PredictedStylusTouchPointsCpp out;
@@ -295,12 +319,7 @@ TEST_F(ModelPredictorTest, SamplesGoingBackInTimeStartANewStrokeNeverAWrappedSte
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ModelPredictorParams p = makeParams("const_n10_p5.tflite", 10, 3);
-        p.stroke_end_thres = 2.0f;  // five points per inference, so every third one is measured
-        p.target_event_count = 1000;
-        auto predictor = make(p);
-        ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), false, out));
-        ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(4, 7), false, out));
+        auto predictor = measuredAfterTwoBatches("const_n10_p5.tflite");
         Batch back;
         for (int i = 0; i < 4; ++i) {
             StylusTouchPoint s = sample(8 + i);
@@ -315,15 +334,7 @@ TEST_F(ModelPredictorTest, SamplesGoingBackInTimeStartANewStrokeNeverAWrappedSte
             const bool zeroStep = !c.restarts && row == 6;  // the repeated timestamp's row
             EXPECT_EQ(gap, zeroStep ? 0.0f : gapFeature) << "row " << row;
         }
-        for (int first = 12; first < 40; first += 4) {
-            ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(first, first + 3), false, out));
-            for (const auto& point : out.coordinates) {
-                EXPECT_TRUE(std::isfinite(point.x) && std::isfinite(point.y));
-            }
-        }
-        // The curved stroke's own errors stay below 20 mm; one wrapped step used to give some 1e14.
-        EXPECT_GT(predictor->getMetricsEventCount(), 0u);
-        EXPECT_LT(predictor->getMetricsDistanceError(), kStrokeErrorBoundMm);
+        finishStroke(*predictor);
     }
 }
 
@@ -349,25 +360,12 @@ TEST_F(ModelPredictorTest, PredictedPointsAreFiniteAndWithinBoundsOrNotDelivered
     for (const char* model : {"const_n10_p5.tflite", "copy_n10_p5.tflite"}) {
         for (const float bad : {nan, inf, -inf, 1e30f, -3e38f, 2e6f}) {
             SCOPED_TRACE(std::string(model) + " " + std::to_string(bad));
-            ModelPredictorParams p = makeParams(model, 10, 3);
-            p.stroke_end_thres = 2.0f;
-            p.target_event_count = 1000;
-            auto predictor = make(p);
-            ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(0, 3), false, out));
-            ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(4, 7), false, out));
+            auto predictor = measuredAfterTwoBatches(model);
             Batch absurd = samples(8, 11);
             absurd.rbegin()->second.x_pos = bad;
             ASSERT_TRUE(predictor->predictStylusTouchPoints(absurd, false, out));
             EXPECT_TRUE(out.coordinates.empty());
-            for (int first = 12; first < 40; first += 4) {
-                ASSERT_TRUE(predictor->predictStylusTouchPoints(samples(first, first + 3), false, out));
-                for (const auto& point : out.coordinates) {
-                    EXPECT_LE(std::fabs(point.x), ModelPredictor::kMaxPredictedCoordinatePx);
-                    EXPECT_LE(std::fabs(point.y), ModelPredictor::kMaxPredictedCoordinatePx);
-                }
-            }
-            EXPECT_GT(predictor->getMetricsEventCount(), 0u);
-            EXPECT_LT(predictor->getMetricsDistanceError(), kStrokeErrorBoundMm);
+            finishStroke(*predictor);
         }
     }
 }
