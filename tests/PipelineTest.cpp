@@ -178,23 +178,14 @@ public:
     StylusLibHandle* handle = nullptr;
 };
 
-std::vector<std::string> datFiles(const std::string& dir) {
-    std::vector<std::string> files;
-    for (const auto& entry : fs::directory_iterator(dir)) {
-        files.push_back(entry.path().filename().string());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 // Rows of every recording file in the directory, header checked and dropped, in file-name order.
 std::vector<std::string> recordedRows(const std::string& dir) {
     std::vector<std::string> rows;
-    for (const auto& name : datFiles(dir)) {
+    for (const auto& name : testsupport::filesIn(dir)) {
         if (name.size() < 4 || name.compare(name.size() - 4, 4, ".dat") != 0) {
             continue;
         }
-        std::ifstream in(dir + "/" + name);
+        std::ifstream in(name);
         std::string line;
         std::getline(in, line);
         EXPECT_EQ(line, "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag");
@@ -278,16 +269,22 @@ TEST_F(PipelineTest, BatchesAreScannedFromTheirEnd) {
     EXPECT_EQ(recordedRows(recordings), expected);
 }
 
-TEST_F(PipelineTest, RejectNewestRefusesWhileABatchIsQueuedAndShutdownDrainsIt) {
-    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject Newest")"));
+// Any policy but "Block" rejects the newest batch. Refusals of calls 5 to 119 are counted; the 120th call
+// logs and resets without counting its own.
+TEST_F(PipelineTest, RejectNewestRefusesWhileABatchIsQueuedCountsRefusalsAndShutdownDrainsIt) {
+    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject")"));
+    LogCapture log(velmar::Info);
     const auto batches = strokeBatches(0, 5);
     ASSERT_TRUE(pipeline.holdInferenceOnFirstPrediction(batches));
     EXPECT_EQ(pipeline.send(batches[3]), 0) << "room for one queued batch";
-    EXPECT_EQ(pipeline.send(batches[4]), -1) << "refused while the batch waits";
+    for (int call = 5; call <= 120; ++call) {
+        ASSERT_EQ(pipeline.send(batches[4]), -1) << "refused while the batch waits, call " << call;
+    }
+    EXPECT_EQ(log.count("QueueFullCount : 115 over last 120 iterations "), 1);
     EXPECT_EQ(areAllInputPointsProcessed(pipeline.handle), 0);
     host.openGate();
     pipeline.stop();
-    // The queued batch was processed before the shutdown completed; the refused one never was.
+    // The queued batch was processed before the shutdown completed; the refused ones never were.
     ASSERT_EQ(host.predictions.size(), 2u);
     EXPECT_EQ(host.predictions[1].first, batches[3].back().timestamp);
 }
@@ -310,20 +307,6 @@ TEST_F(PipelineTest, BlockPolicyHoldsTheSenderUntilThereIsRoom) {
     EXPECT_EQ(result.load(), 0);
     pipeline.stop();
     EXPECT_EQ(host.predictions.size(), 3u);
-}
-
-TEST_F(PipelineTest, QueueFullCountIsLoggedAfter120Calls) {
-    Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject")"));
-    LogCapture log(velmar::Info);
-    const auto batches = strokeBatches(0, 4);
-    ASSERT_TRUE(pipeline.holdInferenceOnFirstPrediction(batches));
-    ASSERT_EQ(pipeline.send(batches[3]), 0);
-    for (int call = 5; call <= 120; ++call) {
-        ASSERT_EQ(pipeline.send(batches[3]), -1);
-    }
-    // Refusals of calls 5 to 119 are counted; the 120th call logs and resets without counting its own.
-    EXPECT_EQ(log.count("QueueFullCount : 115 over last 120 iterations "), 1);
-    host.openGate();
 }
 
 TEST_F(PipelineTest, SummariesAreLoggedEvery120Predictions) {
@@ -367,10 +350,10 @@ TEST_F(PipelineTest, RecordsEveryAcceptedSampleInOrderWithOpenPermissions) {
         timestamps.push_back(row.substr(0, row.find(',')));
     }
     EXPECT_EQ(timestamps, expected);
-    for (const auto& name : datFiles(recordings)) {
+    for (const auto& name : testsupport::filesIn(recordings)) {
         EXPECT_EQ(name.find(".tmp"), std::string::npos) << name;
         struct stat info {};
-        ASSERT_EQ(::stat((recordings + "/" + name).c_str(), &info), 0);
+        ASSERT_EQ(::stat(name.c_str(), &info), 0);
         EXPECT_EQ(info.st_mode & 0777, 0666u) << name;
     }
 }
@@ -384,7 +367,7 @@ TEST_F(PipelineTest, TooFullDiskSkipsRecording) {
         "diskFillPercentTh": 0, "dataFileDirectory": ")" + recordings + "\""));
     ASSERT_EQ(pipeline.send(strokeBatches(0, 1)[0]), 0);
     pipeline.stop();
-    EXPECT_TRUE(datFiles(recordings).empty());
+    EXPECT_TRUE(testsupport::filesIn(recordings).empty());
     EXPECT_GE(log.countPrefix("Disk Fill Percentage : "), 1);
 }
 
