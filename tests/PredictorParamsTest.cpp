@@ -140,8 +140,10 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
 // does not pass the capture's filter.
 TEST_F(PredictorParamsTest, PolicyAndLogLevelMatchExactSpellingOnlyAndWarnOtherwise) {
     const auto policyWarning = [](const std::string& value) {
-        return "unknown Pipeline.QueueFullPolicy \"" + value + "\" (expected \"Block\" or \"Reject Newest\"): using Reject Newest";
+        return "unknown Pipeline.QueueFullPolicy \"" + value +
+               "\" (expected \"Block\" or \"Reject Newest\"): using Reject Newest";
     };
+    const QueueFullPolicy kReject = QueueFullPolicy::RejectNewest;
     const auto levelWarning = [](const std::string& value) {
         return "unknown Pipeline.logLevel \"" + value + "\" (expected \"VERBOSE\", \"DEBUG\" or \"INFO\"): using INFO";
     };
@@ -154,13 +156,12 @@ TEST_F(PredictorParamsTest, PolicyAndLogLevelMatchExactSpellingOnlyAndWarnOtherw
         Lines warnings;
     } cases[] = {
         {"Block", "VERBOSE", QueueFullPolicy::Block, velmar::Verbose, "Setting Verbose loglevel", {}},
-        {"Reject Newest", "INFO", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel", {}},
-        {"block", "DEBUG", QueueFullPolicy::RejectNewest, velmar::Debug, "Setting Debug loglevel", {policyWarning("block")}},
-        {"Reject", "INFO", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel", {policyWarning("Reject")}},
-        {"Block ", "debug", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel",
+        {"Reject Newest", "INFO", kReject, velmar::Info, "Setting Info loglevel", {}},
+        {"block", "DEBUG", kReject, velmar::Debug, "Setting Debug loglevel", {policyWarning("block")}},
+        {"Reject", "INFO", kReject, velmar::Info, "Setting Info loglevel", {policyWarning("Reject")}},
+        {"Block ", "debug", kReject, velmar::Info, "Setting Info loglevel",
          {policyWarning("Block "), levelWarning("debug")}},
-        {"BLOCK", "ERROR", QueueFullPolicy::RejectNewest, velmar::Info, "Setting Info loglevel",
-         {policyWarning("BLOCK"), levelWarning("ERROR")}},
+        {"BLOCK", "ERROR", kReject, velmar::Info, "Setting Info loglevel", {policyWarning("BLOCK"), levelWarning("ERROR")}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.policy) + "/" + c.level);
@@ -187,25 +188,6 @@ TEST_F(PredictorParamsTest, SpinWindowBoundsAreAccepted) {
         const PredictorParams p(withRanges({{"Pipeline.inferenceSpinWindowUs", value}}));
         EXPECT_EQ(p.inferenceSpinWindowUs, std::stoi(value));
     }
-}
-
-TEST_F(PredictorParamsTest, IniConfigIsRead) {
-    const std::string path = config("p.ini", "[Pipeline]\nQueueFullPolicy=Reject Newest\nlogLevel=DEBUG\n"
-                                             "[PredictionModel]\nnum_predictions=9\nnum_historical_points=12\n"
-                                             "min_num_historical_points=12\npixel_per_inch=300\n"
-                                             "feature_timestamp_min=0\nfeature_timestamp_max=1\nfeature_xpos_min=0\n"
-                                             "feature_xpos_max=1\nfeature_ypos_min=0\nfeature_ypos_max=1\n"
-                                             "feature_tilt_min=0\nfeature_tilt_max=1\nfeature_pressure_min=0\n"
-                                             "feature_pressure_max=1\nfeature_orientation_min=0\n"
-                                             "feature_orientation_max=1\n");
-    LogCapture log;
-    const PredictorParams p(path);
-    EXPECT_EQ(p.queueFullPolicy, QueueFullPolicy::RejectNewest);
-    EXPECT_EQ(velmar::Log::m_GlobalPriority.load(), velmar::Debug);
-    const auto& m = p.modelParams;
-    EXPECT_EQ(std::make_tuple(m.num_predictions, m.num_historcal_points, m.min_num_historical_points, m.pixel_per_inch),
-              std::make_tuple(9, 12u, 12u, 300u));
-    EXPECT_EQ(log.count("modelParams.num_historcal_points : 12"), 1);
 }
 
 TEST_F(PredictorParamsTest, BareFileNamePutsModelAtRoot) {
