@@ -56,13 +56,12 @@ struct HostRecord {
         }
         changed.notify_all();
     }
-    bool waitForPredictions(size_t count) {
+    bool waitForPredictions(size_t count) { return waitFor([&] { return predictions.size() >= count; }); }
+    bool waitForCallbackInGate() { return waitFor([&] { return callbacksInGate > 0; }); }
+    template <typename Reached>
+    bool waitFor(Reached reached) {
         std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kWaitLimit, [&] { return predictions.size() >= count; });
-    }
-    bool waitForCallbackInGate() {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kWaitLimit, [&] { return callbacksInGate > 0; });
+        return changed.wait_for(lock, kWaitLimit, reached);
     }
     size_t predictionCount() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -198,9 +197,13 @@ std::vector<std::string> recordedRows(const std::string& dir) {
 
 class PipelineTest : public ::testing::Test {
 protected:
-    void SetUp() override { host.reset(); }
+    void SetUp() override {
+        host.reset();
+        fs::create_directory(recordings);
+    }
     void TearDown() override { host.openGate(); }
     TempDir dir;
+    const std::string recordings = dir.file("rec");  // for the tests that record
 };
 
 TEST_F(PipelineTest, PredictionsCarryExactCoordinatesTimestampsAndInputPoints) {
@@ -242,8 +245,6 @@ TEST_F(PipelineTest, PredictionsCarryExactCoordinatesTimestampsAndInputPoints) {
 }
 
 TEST_F(PipelineTest, BatchesAreScannedFromTheirEnd) {
-    const std::string recordings = dir.file("rec");
-    fs::create_directory(recordings);
     Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 1,
         "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\""));
     // Pen down in the middle: the sample before it is lost, the boundary is recorded first.
@@ -329,8 +330,6 @@ TEST_F(PipelineTest, SummariesAreLoggedEvery120Predictions) {
 }
 
 TEST_F(PipelineTest, RecordsEveryAcceptedSampleInOrderWithOpenPermissions) {
-    const std::string recordings = dir.file("rec");
-    fs::create_directory(recordings);
     Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 7,
         "numChunksInFile": 1000, "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\""));
     const auto batches = strokeBatches(500, 12);
@@ -359,8 +358,6 @@ TEST_F(PipelineTest, RecordsEveryAcceptedSampleInOrderWithOpenPermissions) {
 }
 
 TEST_F(PipelineTest, TooFullDiskSkipsRecording) {
-    const std::string recordings = dir.file("rec");
-    fs::create_directory(recordings);
     LogCapture log(velmar::Info);
     // Any file system holding files is fuller than 0 %; a missing one counts as full.
     Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 2,
@@ -372,8 +369,6 @@ TEST_F(PipelineTest, TooFullDiskSkipsRecording) {
 }
 
 TEST_F(PipelineTest, ConsentFileAndRuntimeControl) {
-    const std::string recordings = dir.file("rec");
-    fs::create_directory(recordings);
     const std::string consent = recordings + "/data_collect_user_pref";
     const std::string config = writeConfig(dir, R"(, "enableDataWriting": true, "canControlDataWritingAtRunTime": true,
         "chunkSizeInRecords": 1, "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\"");
@@ -445,34 +440,32 @@ TEST_F(PipelineTest, RuntimeControlRefusals) {
     }
 }
 
+// A cpuset file takes precedence over the core number; each start appends its thread id to the file.
 TEST_F(PipelineTest, InferenceThreadPlacement) {
     const std::string cpuset = dir.file("tasks");
-    for (int run = 0; run < 2; ++run) {
+    const std::string missing = dir.file("no/such/dir/tasks");
+    const std::string both = R"(, "cpusetFile": ")" + cpuset + R"(", "coreaffinity": 0)";
+    const struct {
+        std::string keys;
+        std::string line;
+        bool exact;  // else a prefix
+    } cases[] = {
+        {both, "cpuset file written : " + cpuset + " for tid : ", false},
+        {both, "cpuset file written : " + cpuset + " for tid : ", false},
+        {R"(, "cpusetFile": ")" + missing + "\"", "Failed to open cpu set file : " + missing, true},
+        {R"(, "coreaffinity": 1024)", "Cannot set affinity to core : 1024", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.keys);
         LogCapture log(velmar::Info);
-        Pipeline pipeline(writeConfig(dir, R"(, "cpusetFile": ")" + cpuset + R"(", "coreaffinity": 0)"));
+        Pipeline pipeline(writeConfig(dir, c.keys));
         ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
         ASSERT_TRUE(pipeline.waitIdle());
-        EXPECT_EQ(log.countPrefix("cpuset file written : " + cpuset + " for tid : "), 1);
+        EXPECT_EQ(c.exact ? log.count(c.line) : log.countPrefix(c.line), 1);
         EXPECT_EQ(log.countPrefix("Core affinity set to core : "), 0);
     }
-    // Two starts append two lines of thread ids.
     const std::string content = testsupport::readFile(cpuset);
     EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 2);
-
-    {
-        LogCapture log(velmar::Info);
-        Pipeline pipeline(writeConfig(dir, R"(, "cpusetFile": ")" + dir.file("no/such/dir/tasks") + "\""));
-        ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
-        ASSERT_TRUE(pipeline.waitIdle());
-        EXPECT_TRUE(log.contains("Failed to open cpu set file : " + dir.file("no/such/dir/tasks")));
-    }
-    {
-        LogCapture log(velmar::Info);
-        Pipeline pipeline(writeConfig(dir, R"(, "coreaffinity": 1024)"));
-        ASSERT_EQ(pipeline.send({sample(1, 1, 1, 0)}), 0);
-        ASSERT_TRUE(pipeline.waitIdle());
-        EXPECT_TRUE(log.contains("Cannot set affinity to core : 1024"));
-    }
 }
 
 // Every start-up failure leaves InitStylusLib as an exception whose text says what to fix.
@@ -531,8 +524,6 @@ TEST_F(PipelineTest, NullArrayIsRefusedWhateverTheCountAndNegativeCountsQueueAnE
 }
 
 TEST_F(PipelineTest, ConcurrentSendersControlAndGettersThenShutdown) {
-    const std::string recordings = dir.file("rec");
-    fs::create_directory(recordings);
     Pipeline pipeline(writeConfig(dir, R"(, "QueueFullPolicy": "Reject Newest", "enableDataWriting": true,
         "canControlDataWritingAtRunTime": true, "chunkSizeInRecords": 16, "diskFillPercentTh": 100,
         "dataFileDirectory": ")" + recordings + "\""));
