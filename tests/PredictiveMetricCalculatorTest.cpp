@@ -292,43 +292,37 @@ TEST_F(PredictiveMetricCalculatorTest, AnySeparatorAndTheLargestCountAreAccepted
 // A torn, foreign or poisoned file would steer the means for good: it is not used, whether read at
 // construction or later, and the statistics start from zero.
 TEST_F(PredictiveMetricCalculatorTest, BadMetricsFileStartsFreshAndLogsWhy) {
-    const std::string count = "event count is not an integer from 0 to 4294967295";
-    const std::string distance = "distance error mean is missing or not a number from 0 to 1000";
-    const std::pair<std::string, std::string> files[] = {
-        {"-1,1,0,0,0", count},
-        {"4294967296,1,0,0,0", count},
-        {"+5,1,0,0,0", count},
-        {"", count},
-        {"abc", count},
-        {"5,1e39,0,0,0", distance},
-        {"5,-1,0,0,0", distance},
-        {"5,nan,0,0,0", distance},
-        {"5,inf,0,0,0", distance},
-        {"5,1001,0,0,0", distance},
-        {"5,1,2", "angle deviation mean square is missing or not a number from 0 to 32400"},
-        {"5,1", "angle deviation mean is missing or not a number from -180 to 180"},
-        {"5,1,-181,0,0", "angle deviation mean is missing or not a number from -180 to 180"},
-        {"5,1,2,-3,0", "angle deviation mean square is missing or not a number from 0 to 32400"},
-        {"5,1,2,3,1.5", "large error rate is missing or not a number from 0 to 1"},
-        {"5,1,2,3,4e-1,6", "more than five fields"},
-        {"5,1,2,3,0.4x", "more than five fields"},
-        {std::string(300, '1'), "longer than 256 bytes"},
+    const struct {
+        std::vector<std::string> contents;
+        const char* reason;
+    } files[] = {
+        {{"-1,1,0,0,0", "4294967296,1,0,0,0", "+5,1,0,0,0", "", "abc"},
+         "event count is not an integer from 0 to 4294967295"},
+        {{"5,1e39,0,0,0", "5,-1,0,0,0", "5,nan,0,0,0", "5,inf,0,0,0", "5,1001,0,0,0"},
+         "distance error mean is missing or not a number from 0 to 1000"},
+        {{"5,1", "5,1,-181,0,0"}, "angle deviation mean is missing or not a number from -180 to 180"},
+        {{"5,1,2", "5,1,2,-3,0"}, "angle deviation mean square is missing or not a number from 0 to 32400"},
+        {{"5,1,2,3,1.5"}, "large error rate is missing or not a number from 0 to 1"},
+        {{"5,1,2,3,4e-1,6", "5,1,2,3,0.4x"}, "more than five fields"},
+        {{std::string(300, '1')}, "longer than 256 bytes"},
     };
-    for (const auto& [content, reason] : files) {
-        SCOPED_TRACE(content);
-        testsupport::writeFile(path, content);
-        LogCapture log;
-        auto fresh = make(1000, 0, path, true);
-        EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
-        const std::string why = "Metrics file " + path + " not used (" + reason + "), starting fresh";
-        EXPECT_EQ(log.priorityOf(why), velmar::Error);
-        EXPECT_EQ(log.countPrefix("Loaded metrics from "), 0);
+    for (const auto& [contents, reason] : files) {
+        for (const std::string& content : contents) {
+            SCOPED_TRACE(content);
+            testsupport::writeFile(path, content);
+            LogCapture log;
+            auto fresh = make(1000, 0, path, true);
+            EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
+            const std::string why = "Metrics file " + path + " not used (" + reason + "), starting fresh";
+            EXPECT_EQ(log.priorityOf(why), velmar::Error);
+            EXPECT_EQ(log.countPrefix("Loaded metrics from "), 0);
 
-        testsupport::writeFile(dir.file("good"), "7,2.5,1,2,0.5");
-        fresh->loadMetrics(dir.file("good"));
-        ASSERT_EQ(saved(*fresh), "7,2.5,1,2,0.5");
-        fresh->loadMetrics(path);
-        EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
+            testsupport::writeFile(dir.file("good"), "7,2.5,1,2,0.5");
+            fresh->loadMetrics(dir.file("good"));
+            ASSERT_EQ(saved(*fresh), "7,2.5,1,2,0.5");
+            fresh->loadMetrics(path);
+            EXPECT_EQ(saved(*fresh), "0,0,0,0,0");
+        }
     }
 }
 
