@@ -154,14 +154,7 @@ public:
     }
     // Waits until the inference thread has handled everything queued; bounded, never a fixed sleep.
     bool waitIdle() {
-        const auto limit = std::chrono::steady_clock::now() + kWaitLimit;
-        while (areAllInputPointsProcessed(handle) == 0) {
-            if (std::chrono::steady_clock::now() > limit) {
-                return false;
-            }
-            std::this_thread::yield();
-        }
-        return true;
+        return testsupport::waitUntil([this] { return areAllInputPointsProcessed(handle) != 0; });
     }
     // Sends the first three batches of a stroke (the third predicts) and holds the inference thread
     // inside onPredictions, so that the queue's one slot is free and nothing drains it.

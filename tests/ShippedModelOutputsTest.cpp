@@ -4,25 +4,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <string>
 
 #include "ModelOutputFixture.h"
+#include "TestSupport.h"
 
 namespace {
-
-// Sets the runtime's engine choice for one scope. Before the runtime knows the variable, every
-// request runs the default engine, which is then checked more than once.
-class EngineRequest {
-public:
-    explicit EngineRequest(const char* engine) { setenv(kVariable, engine, 1); }
-    ~EngineRequest() { unsetenv(kVariable); }
-    EngineRequest(const EngineRequest&) = delete;
-    EngineRequest& operator=(const EngineRequest&) = delete;
-
-private:
-    static constexpr const char* kVariable = "TALC_INFERENCE_ENGINE";
-};
 
 // Relative to the tensor's largest magnitude: engines sum the 64-wide layers in different orders
 // (NEON and x86 kernels, fused multiply-adds), which moves a float32 result by a few units in the
@@ -38,8 +25,9 @@ TEST(ShippedModelOutputsTest, EveryEngineGivesTheOutputsRecordedOnX86) {
         << SHIPPED_MODEL << " (" << model.bytes << " bytes) is not the model " << SHIPPED_MODEL_FIXTURE
         << " was made for (" << fixture.model.bytes << " bytes): regenerate with scripts/regenerate-model-fixture.sh";
 
+    // The runner reads the engine choice from the environment when it is built.
     for (const char* engine : {"armnn", "xnnpack"}) {
-        EngineRequest request(engine);
+        testsupport::ScopedEnvironment request("TALC_INFERENCE_ENGINE", engine);
         talcflow::TALCModelRunner runner(SHIPPED_MODEL);
         std::printf("engine %s ran on %s (fixture made by %s)\n", engine, runner.backendName().c_str(),
                     fixture.madeBy.c_str());
