@@ -18,6 +18,10 @@ MIN_LS_DEN = 0.5
 SPEED_EPS = 1e-3
 # Speed (mm/ms) at which the bounded speed feature s / (s + c) is one half.
 SPEED_HALF = 0.05
+# A time window covers at least this many times the last two sample gaps (three samples).
+WINDOW_COVER = 1.25
+# Floor of the weighted least-squares denominator (weight^2 ms^2).
+MIN_WINDOW_DEN = 1e-3
 POSITION_COLUMNS = (1, 2)
 
 
@@ -33,7 +37,7 @@ class ResidualPredictor(nn.Module):
     """
 
     def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
-                 end_hidden=32):
+                 end_hidden=32, time_windows=()):
         super().__init__()
         n = self.n = n_hist
         self.p = num_predictions
@@ -81,6 +85,9 @@ class ResidualPredictor(nn.Module):
         self.consts["speed1c"] = (mean, np.full(1, SPEED_EPS + SPEED_HALF))
         hz = np.repeat(self.horizons, 2)
         self.consts["speed_h"] = (mean * hz[:, None], SPEED_EPS * hz)
+        self.windows = [float(w) for w in time_windows]
+        if self.windows:
+            self._time_window_constants(n, combo, fc)
         base = np.zeros((2 * self.p, 2))
         base[0::2, 0] = self.horizons
         base[1::2, 1] = self.horizons
@@ -88,7 +95,7 @@ class ResidualPredictor(nn.Module):
         for k, (w, b) in self.consts.items():
             self.register_buffer("c_%s_w" % k, torch.tensor(w, dtype=torch.float32))
             self.register_buffer("c_%s_b" % k, torch.tensor(b, dtype=torch.float32))
-        self.mlp_in = 2 * n + 2 + 1 + f
+        self.mlp_in = 2 * n + 2 + 1 + f + 2 * len(self.windows)
         mask = np.ones(self.mlp_in, np.float32)
         for row in range(n if mask_positions else 0):
             for col in POSITION_COLUMNS:
@@ -113,6 +120,44 @@ class ResidualPredictor(nn.Module):
         self.end_hidden = nn.Linear(hidden[0], end_hidden) if end_hidden else None
         self.end = nn.Linear(end_hidden if end_hidden else width, self.p)
 
+    def _time_window_constants(self, n, combo, fc):
+        """Weighted least-squares velocity over the last W ms for each window W: the same stretch of
+        stroke whatever the sampling rate. Sample j (0 = oldest row's start) lies T_j = -(gaps from
+        row j on) ms and X_j, Y_j mm from the newest sample, and weighs max(0, 1 + T_j / W') with
+        W' = max(W, WINDOW_COVER * (last two gaps)), so that a window shorter than the pen's period
+        still fits three samples."""
+        k = len(self.windows)
+        def back_sum(col, j):
+            return combo([(-1.0, col, i) for i in range(j, n)])
+        for name, col in (("tw_t", 0), ("tw_x", 1), ("tw_y", 2)):
+            self.consts[name] = fc([back_sum(col, j) for _ in range(k) for j in range(n)])
+        self.consts["tw_cover"] = fc([combo([(WINDOW_COVER, 0, n - 1), (WINDOW_COVER, 0, n - 2)])] * k)
+        expand = np.zeros((k * n, k))
+        for w in range(k):
+            expand[w * n:(w + 1) * n, w] = 1.0
+        self.consts["tw_expand"] = (expand, np.zeros(k * n))
+        block = expand.T.copy()
+        self.consts["tw_sum"] = (block, np.zeros(k))
+        # The newest sample (T = X = Y = 0, weight 1) only adds to the weight sum.
+        self.consts["tw_sum_w"] = (block, np.ones(k))
+        speed = np.full((1, 2 * n), 1.0 / n)
+        self.consts["speed_tw"] = (np.repeat(speed, 2 * k, axis=0), np.full(2 * k, SPEED_EPS))
+
+    def _time_window_velocity(self, flat, absv):
+        """[B, 2K] window velocities (x for every window, then y) divided by the speed scale."""
+        W = torch.tensor(self.windows, dtype=torch.float32)
+        inv = 1.0 / torch.maximum(self._c("tw_cover", flat), W)
+        t, x, y = self._c("tw_t", flat), self._c("tw_x", flat), self._c("tw_y", flat)
+        w = torch.maximum(t * self._c("tw_expand", inv) + 1.0, torch.tensor(0.0))
+        wt = w * t
+        s_w = self._c("tw_sum_w", w)
+        s_t, s_tt = self._c("tw_sum", wt), self._c("tw_sum", wt * t)
+        s_x, s_y = self._c("tw_sum", w * x), self._c("tw_sum", w * y)
+        s_tx, s_ty = self._c("tw_sum", wt * x), self._c("tw_sum", wt * y)
+        den = torch.maximum(s_w * s_tt - s_t * s_t, torch.tensor(MIN_WINDOW_DEN))
+        v = torch.cat([(s_w * s_tx - s_t * s_x) / den, (s_w * s_ty - s_t * s_y) / den], dim=1)
+        return v / self._c("speed_tw", absv)
+
     def _c(self, name, x):
         return x @ getattr(self, "c_%s_w" % name).T + getattr(self, "c_%s_b" % name)
 
@@ -124,8 +169,11 @@ class ResidualPredictor(nn.Module):
         uw = self._c("ls_u", flat) * self._c("ls_w", flat)
         v_ls = self._c("ls_num", uw) / torch.maximum(self._c("ls_den", uw), torch.tensor(MIN_LS_DEN))
         absv = torch.maximum(v, v * -1.0)
-        z = torch.cat([v / self._c("speed2n", absv), v_ls / self._c("speed2", absv),
-                       self._c("speed1", absv) / self._c("speed1c", absv), flat], dim=1)
+        parts = [v / self._c("speed2n", absv), v_ls / self._c("speed2", absv),
+                 self._c("speed1", absv) / self._c("speed1c", absv), flat]
+        if self.windows:
+            parts.append(self._time_window_velocity(flat, absv))
+        z = torch.cat(parts, dim=1)
         return z, self._c("base", v_ls), self._c("speed_h", absv)
 
     def head(self, z, base, speed_h):
@@ -175,11 +223,13 @@ class ResidualPredictor(nn.Module):
         den = g.binary("maximum", "ls_den_floor", fc("ls_den", uw), full("min_ls_den", MIN_LS_DEN, 2))
         v_ls = g.binary("div", "ls_velocity", fc("ls_num", uw), den)
         absv = g.binary("maximum", "abs_velocity", v, g.binary("mul", "neg_velocity", v, full("minus_one", -1.0, n2)))
-        z = g.concatenation("mlp_input", [
-            g.binary("div", "velocity_rel", v, fc("speed2n", absv)),
-            g.binary("div", "ls_velocity_rel", v_ls, fc("speed2", absv)),
-            g.binary("div", "speed_bounded", fc("speed1", absv), fc("speed1c", absv)),
-            g.flat])
+        parts = [g.binary("div", "velocity_rel", v, fc("speed2n", absv)),
+                 g.binary("div", "ls_velocity_rel", v_ls, fc("speed2", absv)),
+                 g.binary("div", "speed_bounded", fc("speed1", absv), fc("speed1c", absv)),
+                 g.flat]
+        if self.windows:
+            parts.append(self._export_time_windows(g, fc, full, absv))
+        z = g.concatenation("mlp_input", parts)
         scale = (self.in_scale * self.in_mask).double().numpy()
         shift = self.in_shift.double().numpy()
         def folded(w, b):  # standardisation folded into a layer that reads z
@@ -205,7 +255,34 @@ class ResidualPredictor(nn.Module):
         out0 = g.binary("add", "output0", fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
         out1 = g.fully_connected("output1", end_src, self.end.weight.detach().numpy(), self.end.bias.detach().numpy())
         g.write(path, [out0, out1])
-        return sorted({"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"})
+        ops = {"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"}
+        return sorted(ops | ({"SUB"} if self.windows else set()))
+
+
+    def _export_time_windows(self, g, fc, full, absv):
+        k, n = len(self.windows), self.n
+        cover = g.binary("maximum", "tw_window", fc("tw_cover", g.flat), g.constant("tw_min", self.windows))
+        inv = g.binary("div", "tw_inverse", full("tw_one", 1.0, k), cover)
+        t, x, y = fc("tw_t", g.flat), fc("tw_x", g.flat), fc("tw_y", g.flat)
+        scaled = g.binary("add", "tw_lin", g.binary("mul", "tw_scaled", t, fc("tw_expand", inv)),
+                          full("tw_ones", 1.0, k * n))
+        w = g.binary("maximum", "tw_weight", scaled, full("tw_zeros", 0.0, k * n))
+        wt = g.binary("mul", "tw_wt", w, t)
+        s_w = fc("tw_sum_w", w)
+        s_t = g.fully_connected("tw_s_t", wt, *self.consts["tw_sum"])
+        s_tt = g.fully_connected("tw_s_tt", g.binary("mul", "tw_wtt", wt, t), *self.consts["tw_sum"])
+        sums = {}
+        for c, src in (("x", x), ("y", y)):
+            s_c = g.fully_connected("tw_s_" + c, g.binary("mul", "tw_w" + c, w, src), *self.consts["tw_sum"])
+            s_tc = g.fully_connected("tw_s_t" + c, g.binary("mul", "tw_wt" + c, wt, src), *self.consts["tw_sum"])
+            sums[c] = g.binary("sub", "tw_num_" + c, g.binary("mul", "tw_a_" + c, s_w, s_tc),
+                               g.binary("mul", "tw_b_" + c, s_t, s_c))
+        den = g.binary("maximum", "tw_den", g.binary("sub", "tw_den_raw", g.binary("mul", "tw_ww", s_w, s_tt),
+                                                     g.binary("mul", "tw_tt", s_t, s_t)),
+                       full("tw_min_den", MIN_WINDOW_DEN, k))
+        v = g.concatenation("tw_velocity", [g.binary("div", "tw_vx", sums["x"], den),
+                                            g.binary("div", "tw_vy", sums["y"], den)])
+        return g.binary("div", "tw_velocity_rel", v, fc("speed_tw", absv))
 
 
 # --- Reading the .tflite back: enough of the schema to run a fully connected graph.

@@ -48,6 +48,7 @@ SETTINGS = {
     "sizes": (0.3, 6.0),   # writing size factor, log-uniform per stroke
     "rotate": False,       # random rotation and mirroring per stroke
     "linear_skip": True,   # a linear path from the MLP inputs to the correction
+    "time_windows": [],    # ms: weighted least-squares velocities over these stretches of stroke
     "end_hidden": 32,      # hidden width of the stroke-end head (0: read the last shared layer)
     "mask_positions": False,  # the MLP sees velocities relative to the speed scale, not the raw steps
     "keep": 0.3,           # share of an augmented copy's points used
@@ -117,7 +118,7 @@ def torch_predictor(model, batch=16384):
 def new_model(s):
     return ResidualPredictor(s["num_historical_points"], s["hidden"], NUM_PREDICTIONS, DELTA_MS,
                              [s["ranges"][f] for f in FEATURES], s["mask_positions"],
-                             s["linear_skip"], s["end_hidden"])
+                             s["linear_skip"], s["end_hidden"], s.get("time_windows", []))
 
 
 def train_model(s, ds, log=print):
@@ -254,6 +255,10 @@ CANDIDATES = {
     "unmasked no rotation": {"mask_positions": False, "rotate": False},
     "N=10": {"num_historical_points": 10},
     "N=24": {"num_historical_points": 24},
+    "N=32": {"num_historical_points": 32},
+    "N=32 time windows": {"num_historical_points": 32, "time_windows": [6, 12, 24, 48]},
+    "time windows": {"time_windows": [6, 12, 24]},
+    "time windows 4-32": {"time_windows": [4, 8, 16, 32]},
     "hidden 48-48": {"hidden": [48, 48]},
     "hidden 96-64": {"hidden": [96, 64]},
     "no rotation": {"rotate": False},
