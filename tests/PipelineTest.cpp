@@ -288,16 +288,20 @@ TEST_F(PipelineTest, BlockPolicyHoldsTheSenderUntilThereIsRoom) {
     const auto batches = strokeBatches(0, 5);
     ASSERT_TRUE(pipeline.holdInferenceOnFirstPrediction(batches));
     ASSERT_EQ(pipeline.send(batches[3]), 0);
-    std::atomic<bool> returned{false};
+    std::atomic<bool> gateOpened{false};
+    std::atomic<bool> returnedWhileHeld{false};
     std::atomic<int> result{1};
     std::thread sender([&] {
         result = pipeline.send(batches[4]);
-        returned = true;
+        returnedWhileHeld = !gateOpened.load();
     });
-    // The queue holds batch 3 and the inference thread is held, so the sender cannot have got through.
-    EXPECT_FALSE(returned.load());
+    // The queue holds batch 3 and the inference thread is held: a sender that gets through while the
+    // gate is shut has found room that is not there. The pause gives such a sender time to return.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    gateOpened = true;
     host.openGate();
     sender.join();
+    EXPECT_FALSE(returnedWhileHeld.load());
     EXPECT_EQ(result.load(), 0);
     pipeline.stop();
     EXPECT_EQ(host.predictions.size(), 3u);
