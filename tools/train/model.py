@@ -37,7 +37,7 @@ class ResidualPredictor(nn.Module):
     """
 
     def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
-                 end_hidden=32, time_windows=()):
+                 end_hidden=32, time_windows=(), end_layers=()):
         super().__init__()
         n = self.n = n_hist
         self.p = num_predictions
@@ -100,9 +100,21 @@ class ResidualPredictor(nn.Module):
         for row in range(n if mask_positions else 0):
             for col in POSITION_COLUMNS:
                 mask[2 * n + 3 + row * 6 + col] = 0.0
-        self.register_buffer("in_mask", torch.tensor(mask))
-        self.register_buffer("in_shift", torch.zeros(self.mlp_in))
-        self.register_buffer("in_scale", torch.ones(self.mlp_in))
+        self.register_buffer("in_mask", torch.tensor(mask[:self.mlp_in]))
+        # A stroke-end branch of its own also reads each row's L1 speed (mm/ms), appended to z.
+        self.end_layers = list(end_layers)
+        self.z_width = self.mlp_in + (n if self.end_layers else 0)
+        if self.end_layers:
+            rows = np.zeros((n, 2 * n))
+            for i in range(n):
+                rows[i, i] = rows[i, n + i] = 1.0
+            self.consts["row_speed"] = (rows, np.zeros(n))
+            self.register_buffer("c_row_speed_w", torch.tensor(rows, dtype=torch.float32))
+            self.register_buffer("c_row_speed_b", torch.zeros(n))
+            mask = np.concatenate([mask, np.ones(n, np.float32)])
+            self.register_buffer("in_mask_full", torch.tensor(mask))
+        self.register_buffer("in_shift", torch.zeros(self.z_width))
+        self.register_buffer("in_scale", torch.ones(self.z_width))
         layers, width = [], self.mlp_in
         for h in hidden:
             layers.append(nn.Linear(width, h))
@@ -116,9 +128,21 @@ class ResidualPredictor(nn.Module):
         self.skip = nn.Linear(self.mlp_in, 2 * self.p, bias=False) if linear_skip else None
         if self.skip is not None:
             nn.init.zeros_(self.skip.weight)
-        # The stroke-end head has its own hidden layer on the first shared one.
-        self.end_hidden = nn.Linear(hidden[0], end_hidden) if end_hidden else None
-        self.end = nn.Linear(end_hidden if end_hidden else width, self.p)
+        if self.end_layers:
+            # Trained on its own inputs, the stroke-end branch does not have to share features
+            # shaped for the displacement.
+            branch, w = [], self.z_width
+            for h in self.end_layers:
+                branch.append(nn.Linear(w, h))
+                w = h
+            self.end_branch = nn.ModuleList(branch)
+            self.end_hidden = None
+            self.end = nn.Linear(w, self.p)
+        else:
+            # The stroke-end head has its own hidden layer on the first shared one.
+            self.end_branch = None
+            self.end_hidden = nn.Linear(hidden[0], end_hidden) if end_hidden else None
+            self.end = nn.Linear(end_hidden if end_hidden else width, self.p)
 
     def _time_window_constants(self, n, combo, fc):
         """Weighted least-squares velocity over the last W ms for each window W: the same stretch of
@@ -173,11 +197,14 @@ class ResidualPredictor(nn.Module):
                  self._c("speed1", absv) / self._c("speed1c", absv), flat]
         if self.windows:
             parts.append(self._time_window_velocity(flat, absv))
+        if self.end_layers:
+            parts.append(self._c("row_speed", absv))
         z = torch.cat(parts, dim=1)
         return z, self._c("base", v_ls), self._c("speed_h", absv)
 
     def head(self, z, base, speed_h):
-        zs = (z - self.in_shift) * self.in_scale * self.in_mask
+        zall = (z - self.in_shift) * self.in_scale
+        zs = zall[:, :self.mlp_in] * self.in_mask
         h = zs
         first = None
         for lin in self.layers:
@@ -186,7 +213,13 @@ class ResidualPredictor(nn.Module):
         corr = self.corr(h)
         if self.skip is not None:
             corr = corr + self.skip(zs)
-        e = self.end(torch.relu(self.end_hidden(first))) if self.end_hidden is not None else self.end(h)
+        if self.end_branch is not None:
+            e = zall * self.in_mask_full
+            for lin in self.end_branch:
+                e = torch.relu(lin(e))
+            e = self.end(e)
+        else:
+            e = self.end(torch.relu(self.end_hidden(first))) if self.end_hidden is not None else self.end(h)
         return base + corr * speed_h, e
 
     def forward(self, x):
@@ -230,8 +263,11 @@ class ResidualPredictor(nn.Module):
         if self.windows:
             parts.append(self._export_time_windows(g, fc, full, absv))
         z = g.concatenation("mlp_input", parts)
-        scale = (self.in_scale * self.in_mask).double().numpy()
-        shift = self.in_shift.double().numpy()
+        k = self.mlp_in
+        scale_all = self.in_scale.double().numpy() * (self.in_mask_full.double().numpy() if self.end_layers else
+                                                      self.in_mask.double().numpy())
+        shift_all = self.in_shift.double().numpy()
+        scale, shift = scale_all[:k], shift_all[:k]
         def folded(w, b):  # standardisation folded into a layer that reads z
             return w * scale[None, :], b - w @ (shift * scale)
 
@@ -249,7 +285,15 @@ class ResidualPredictor(nn.Module):
             w, b = folded(self.skip.weight.detach().double().numpy(), np.zeros(2 * self.p))
             corr = g.binary("add", "correction_total", corr, g.fully_connected("correction_linear", z, w, b))
         end_src = h
-        if self.end_hidden is not None:
+        if self.end_layers:
+            end_src = g.concatenation("end_input", [z, fc("row_speed", absv)])
+            for i, lin in enumerate(self.end_branch):
+                w = lin.weight.detach().double().numpy()
+                b = lin.bias.detach().double().numpy()
+                if i == 0:
+                    w, b = w * scale_all[None, :], b - w @ (shift_all * scale_all)
+                end_src = g.fully_connected("end_hidden%d" % i, end_src, w, b, "relu")
+        elif self.end_hidden is not None:
             end_src = g.fully_connected("end_hidden", first, self.end_hidden.weight.detach().numpy(),
                                         self.end_hidden.bias.detach().numpy(), "relu")
         out0 = g.binary("add", "output0", fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
