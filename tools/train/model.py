@@ -100,7 +100,7 @@ class ResidualPredictor(nn.Module):
         for row in range(n if mask_positions else 0):
             for col in POSITION_COLUMNS:
                 mask[2 * n + 3 + row * 6 + col] = 0.0
-        self.register_buffer("in_mask", torch.tensor(mask[:self.mlp_in]))
+        self.register_buffer("in_mask", torch.tensor(mask))
         # A stroke-end branch of its own also reads each row's L1 speed (mm/ms), appended to z.
         self.end_layers = list(end_layers)
         self.z_width = self.mlp_in + (n if self.end_layers else 0)
