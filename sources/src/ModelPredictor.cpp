@@ -8,6 +8,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "CacheTouch.h"
 #include "velmar/Log.h"
 
 namespace styluspipeline {
@@ -123,6 +124,7 @@ ModelPredictor::ModelPredictor(const ModelPredictorParams& p, const std::string&
     stagingFeatures.reserve(static_cast<size_t>(params.num_historcal_points) + kStagingMargin);
     groundTruth.reserve(kGroundTruthReserve);
     predictions.reserve(static_cast<size_t>(std::max(params.num_predictions, 0)));
+    prefetchPredictions.reserve(predictions.capacity());
 
     VELMAR_LOG(velmar::Info, logTag, "Model Predictor constructor");
 }
@@ -311,6 +313,22 @@ bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, Styl
 void ModelPredictor::warmUp() {
     // A failure here is the next prediction's to report.
     static_cast<void>(modelRunner.runInference());
+}
+
+void ModelPredictor::prefetchForNextBatch() const {
+    touchForRead(this, sizeof(*this));
+    touchForRead(featureHistory.begin(), featureHistory.size() * sizeof(StylusModelInputFeatures));
+    touchForRead(stagingFeatures.data(), stagingFeatures.capacity() * sizeof(StylusModelInputFeatures));
+    touchForRead(groundTruth.data(), groundTruth.capacity() * sizeof(StylusTouchPoint));
+    touchForRead(predictions.data(), predictions.capacity() * sizeof(PredictedStylusCoordinate));
+    touchForRead(output0Data.get(), static_cast<size_t>(output0ElementCount) * sizeof(float));
+    touchForRead(output1Data.get(), static_cast<size_t>(output1ElementCount) * sizeof(float));
+    prefetchPredictions.clear();
+    decodePredictions(prefetchPredictions);
+    StylusModelInputFeatures row;
+    normalize(row, diffFunction(lastPoint, &lastPoint));
+    touchForRead(&row, sizeof(row));
+    metricCalculator.prefetchForNextBatch();
 }
 
 }  // namespace styluspipeline
