@@ -12,8 +12,16 @@
 //   total_us      send returned -> callback
 // and the allocations and frees per batch on each thread (operator new / delete).
 //
+// Besides, the core's speed (a fixed register-only computation, work_*) at the start of the wait,
+// when the batch is seen and after the callback, and the gap between the last empty poll and the
+// poll that saw the batch (poll_gap, with --wait=probed), and whether the sender ran on the
+// inference thread's CPU.
+//
 // Flags (before the Google Benchmark ones): --batches=N (default 3000), --config=P (default the
-// shipped configuration), --spin-window-us=N (default the library's default).
+// shipped configuration), --spin-window-us=N (default the library's default), --period-us=N (batch
+// interval, 0 flat out), --wait=library|warm-once|prefetch-once|continuous|cold|probed (how the
+// thread waits in the window, below), --probe=1 (time an extra model run and the fixed
+// computation), --only-spun=0 (count every batch, not only those awaited by a busy-wait).
 #include <benchmark/benchmark.h>
 #include <sched.h>
 
@@ -24,7 +32,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <new>
@@ -73,7 +80,6 @@ using styluspipeline::PredictedStylusTouchPointsCpp;
 using styluspipeline::PredictorParams;
 using styluspipeline::SpinBackoff;
 using Clock = std::chrono::steady_clock;
-namespace fs = std::filesystem;
 
 constexpr int kBatchSize = 4;
 constexpr double kPenRateHz = 240.0;
@@ -82,11 +88,12 @@ auto g_batchPeriod = std::chrono::nanoseconds(static_cast<int64_t>(1e9 * kBatchS
 size_t g_batchCount = 3000;
 std::string g_config = STYLUS_SHIPPED_CONFIG;
 int32_t g_spinWindowUs = PredictorParams::kDefaultSpinWindowUs;
-std::string g_warm = "once";  // once (the library's way), continuous (until the batch is seen), none
-bool g_probe = false;
-bool g_onlySpun = true;
-std::string g_spin = "library";
-std::string g_prefetch = "none";  // none, once (with the warm-up), periodic (with a warm-up, every 100 us of the spin)  // library: the queue's own busy-wait; probed: the same, timing each poll  // count only batches awaited by a spin         // time one extra model run right after the pop, before the prediction
+// How the inference thread waits in the window: library (as the library does), warm-once (one
+// model warm-up, then a busy-wait), prefetch-once (the same plus one prefetch), continuous (model
+// warm-ups until the batch is seen), cold (a busy-wait alone), probed (warm-once, each poll timed).
+std::string g_wait = "library";
+bool g_probe = false;     // time one extra model run right after the pop, before the prediction
+bool g_onlySpun = true;   // count only batches awaited by a spin
 
 // A fixed chain of dependent arithmetic on registers: its duration shows how fast the core runs
 // right now, whatever the caches hold.
@@ -228,36 +235,34 @@ private:
             case QueuePopResult::TimedOut:
                 break;
         }
-        if (g_warm == "continuous") {
+        if (g_probe) {
+            cpuAtSpin = timeFixedWork();
+        }
+        if (g_wait == "library") {
+            // As the library waits: warm up and prefetch, again every 100 us, busy-waiting in between.
+            const auto interval = std::chrono::microseconds(100);
+            for (;;) {
+                predictor.warmUp();
+                predictor.prefetchForNextBatch();
+                const Clock::time_point until = std::min(spinEnd, Clock::now() + interval);
+                spun = queue.spinUntilReady(until);
+                if (spun || until >= spinEnd) {
+                    break;
+                }
+            }
+        } else if (g_wait == "continuous") {
             do {
                 predictor.warmUp();
             } while (!queue.hasItems() && !queue.isStopped() && Clock::now() < spinEnd);
             spun = queue.hasItems() || queue.isStopped();
         } else {
-            if (g_warm == "once") {
+            if (g_wait != "cold") {
                 predictor.warmUp();
             }
-            if (g_probe) {
-                cpuAtSpin = timeFixedWork();
-            }
-            if (g_prefetch != "none") {
+            if (g_wait == "prefetch-once") {
                 predictor.prefetchForNextBatch();
             }
-            if (g_prefetch == "periodic") {
-                for (;;) {
-                    const auto chunkEnd = std::min(spinEnd, Clock::now() + std::chrono::microseconds(100));
-                    spun = queue.spinUntilReady(chunkEnd);
-                    if (spun || chunkEnd >= spinEnd) {
-                        break;
-                    }
-                    predictor.warmUp();
-                    predictor.prefetchForNextBatch();
-                }
-            } else if (g_spin == "probed") {
-                spun = probedSpin(spinEnd);
-            } else {
-                spun = queue.spinUntilReady(spinEnd);
-            }
+            spun = g_wait == "probed" ? probedSpin(spinEnd) : queue.spinUntilReady(spinEnd);
         }
         seen = nowNs();
         if (!queue.pop(message)) {
@@ -421,12 +426,8 @@ int main(int argc, char** argv) {
             g_batchPeriod = std::chrono::microseconds(std::stoi(value));
         } else if (takeFlag(argv[i], "--only-spun", value)) {
             g_onlySpun = value == "1";
-        } else if (takeFlag(argv[i], "--prefetch", value)) {
-            g_prefetch = value;
-        } else if (takeFlag(argv[i], "--spin", value)) {
-            g_spin = value;
-        } else if (takeFlag(argv[i], "--warm", value)) {
-            g_warm = value;
+        } else if (takeFlag(argv[i], "--wait", value)) {
+            g_wait = value;
         } else if (takeFlag(argv[i], "--probe", value)) {
             g_probe = value == "1";
         } else if (takeFlag(argv[i], "--spin-window-us", value)) {
