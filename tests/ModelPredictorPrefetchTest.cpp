@@ -35,6 +35,8 @@ ModelPredictorParams makeParams(const std::string& model) {
     return p;
 }
 
+constexpr int kNoRestart = 1 << 20;
+
 // Batch b of 4 samples of a curving stroke; the stroke restarts (a boundary) at batch restartAt.
 Batch batch(int b, int restartAt) {
     const int base = b < restartAt ? 0 : 100000;
@@ -102,6 +104,29 @@ TEST(ModelPredictorPrefetchTest, WarmUpAndPrefetchChangeNoPredictionHistoryOrMet
         EXPECT_FALSE(saved.empty());
         EXPECT_EQ(saved, testsupport::readFile(dir.file("warmed.txt")));
     }
+}
+
+// The prefetch decodes the last outputs again; the points that decoding drops were reported by the
+// prediction and must not be reported again at every prefetch.
+TEST(ModelPredictorPrefetchTest, PrefetchReportsNothingEvenAfterDroppedPoints) {
+    testsupport::TempDir dir;
+    ModelPredictor predictor(makeParams("const_n10_p5.tflite"), dir.file("metrics.txt"));
+    PredictedStylusTouchPointsCpp out;
+    ASSERT_FALSE(predictor.predictStylusTouchPoints(batch(0, kNoRestart), false, out));
+    ASSERT_TRUE(predictor.predictStylusTouchPoints(batch(1, kNoRestart), false, out));
+    ASSERT_EQ(5u, out.coordinates.size());
+    Batch absurd = batch(2, kNoRestart);
+    absurd.rbegin()->second.x_pos = 2e6f;  // every predicted point lands beyond any screen
+
+    testsupport::LogCapture capture(velmar::Verbose);
+    ASSERT_TRUE(predictor.predictStylusTouchPoints(absurd, false, out));
+    EXPECT_TRUE(out.coordinates.empty());
+    EXPECT_EQ(5, capture.countPrefix("Predicted point out of range, dropped : "));
+    capture.clear();
+    predictor.warmUp();
+    predictor.prefetchForNextBatch();
+    predictor.prefetchForNextBatch();
+    EXPECT_TRUE(capture.messages().empty()) << capture.messages().front();
 }
 
 }  // namespace

@@ -73,7 +73,8 @@ private:
     void fillFromStrokeHistory();
     void stageBatch(const std::map<unsigned long, StylusTouchPoint>& points);
     void appendRow(const StylusTouchPoint& d);
-    void decodePredictions(std::vector<PredictedStylusCoordinate>& predictions) const;
+    // logDrops: report points dropped for being out of range.
+    void decodePredictions(std::vector<PredictedStylusCoordinate>& predictions, bool logDrops) const;
 
     std::function<StylusTouchPoint(const StylusTouchPoint&, const StylusTouchPoint*)> diffFunction;
     ModelPredictorParams params;
