@@ -239,8 +239,8 @@ private:
             cpuAtSpin = timeFixedWork();
         }
         if (g_wait == "library") {
-            // As the library waits: warm up and prefetch, again every 100 us, busy-waiting in between.
-            const auto interval = std::chrono::microseconds(100);
+            // As the library waits: warm up and prefetch, again every 50 us, busy-waiting in between.
+            const auto interval = std::chrono::microseconds(50);
             for (;;) {
                 predictor.warmUp();
                 predictor.prefetchForNextBatch();

@@ -66,7 +66,7 @@ private:
     void deliverPredictions(const StylusPointMessage& message, const PredictedStylusTouchPointsCpp& result);
 
     // How long the busy-wait runs before the model and the prediction's data are brought back again.
-    static constexpr std::chrono::microseconds kRewarmInterval{100};
+    static constexpr std::chrono::microseconds kRewarmInterval{50};
 
     std::string logTag = "StylusPredictor";
     int32_t statsInterval = 120;
