@@ -19,7 +19,8 @@
 //
 // Flags (before the Google Benchmark ones): --batches=N (default 3000), --config=P (default the
 // shipped configuration), --spin-window-us=N (default the library's default), --period-us=N (batch
-// interval, 0 flat out), --wait=library|warm-once|prefetch-once|continuous|cold|probed (how the
+// interval, 0 flat out), --rewarm-us=N (the re-warm interval of --wait=library, default 50),
+// --wait=library|warm-once|prefetch-once|continuous|cold|probed (how the
 // thread waits in the window, below), --probe=1 (time an extra model run and the fixed
 // computation), --only-spun=0 (count every batch, not only those awaited by a busy-wait).
 #include <benchmark/benchmark.h>
@@ -92,6 +93,7 @@ int32_t g_spinWindowUs = PredictorParams::kDefaultSpinWindowUs;
 // model warm-up, then a busy-wait), prefetch-once (the same plus one prefetch), continuous (model
 // warm-ups until the batch is seen), cold (a busy-wait alone), probed (warm-once, each poll timed).
 std::string g_wait = "library";
+int32_t g_rewarmUs = 50;  // the library's interval between warm-ups while it busy-waits
 bool g_probe = false;     // time one extra model run right after the pop, before the prediction
 bool g_onlySpun = true;   // count only batches awaited by a spin
 
@@ -239,8 +241,8 @@ private:
             cpuAtSpin = timeFixedWork();
         }
         if (g_wait == "library") {
-            // As the library waits: warm up and prefetch, again every 50 us, busy-waiting in between.
-            const auto interval = std::chrono::microseconds(50);
+            // As the library waits: warm up and prefetch, again every interval, busy-waiting in between.
+            const auto interval = std::chrono::microseconds(g_rewarmUs);
             for (;;) {
                 predictor.warmUp();
                 predictor.prefetchForNextBatch();
@@ -426,6 +428,8 @@ int main(int argc, char** argv) {
             g_batchPeriod = std::chrono::microseconds(std::stoi(value));
         } else if (takeFlag(argv[i], "--only-spun", value)) {
             g_onlySpun = value == "1";
+        } else if (takeFlag(argv[i], "--rewarm-us", value)) {
+            g_rewarmUs = std::stoi(value);
         } else if (takeFlag(argv[i], "--wait", value)) {
             g_wait = value;
         } else if (takeFlag(argv[i], "--probe", value)) {
