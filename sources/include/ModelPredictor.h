@@ -50,6 +50,11 @@ public:
     // the whole input before running and reads the outputs only after.
     void warmUp();
 
+    // Reads what a prediction touches besides the model (history, staging rows, outputs, decoding,
+    // the metrics' queues) and runs the decoding and feature code on copies, so that a batch after a
+    // long pause does not wait for those cache and address-translation misses. Changes nothing.
+    void prefetchForNextBatch() const;
+
     // Fills one model input row from a sample difference d.
     void normalize(StylusModelInputFeatures& features, const StylusTouchPoint& d) const;
 
@@ -68,7 +73,8 @@ private:
     void fillFromStrokeHistory();
     void stageBatch(const std::map<unsigned long, StylusTouchPoint>& points);
     void appendRow(const StylusTouchPoint& d);
-    void decodePredictions(std::vector<PredictedStylusCoordinate>& predictions) const;
+    // logDrops: report points dropped for being out of range.
+    void decodePredictions(std::vector<PredictedStylusCoordinate>& predictions, bool logDrops) const;
 
     std::function<StylusTouchPoint(const StylusTouchPoint&, const StylusTouchPoint*)> diffFunction;
     ModelPredictorParams params;
@@ -87,6 +93,8 @@ private:
     std::map<unsigned long, StylusTouchPoint> strokeHistory;
     std::vector<StylusTouchPoint> groundTruth;
     std::vector<PredictedStylusCoordinate> predictions;  // of the current call, capacity kept
+    // Where prefetchForNextBatch decodes to; its capacity is reserved, so decoding never allocates.
+    mutable std::vector<PredictedStylusCoordinate> prefetchPredictions;
     PredictiveMetricCalculator metricCalculator;
 };
 

@@ -34,6 +34,9 @@ public:
     void setGroundTruth(const std::vector<StylusTouchPoint>& points);
     // Forgets the pending pairing state; statistics and the last vertex stay.
     void strokeClear();
+    // Reads what the next setGroundTruth and setPredictions will use and runs the error math's
+    // library code on copies, changing nothing.
+    void prefetchForNextBatch() const;
 
     // A point whose distance error is not finite or above 1000 mm is not folded in.
     void calculateMetrics(const StylusTouchPoint& gt, const PredictedStylusCoordinate& pred,

@@ -32,6 +32,9 @@ public:
         items.clear();
         head = 0;
     }
+    // The storage kept, for callers that want it in the caches ahead of use.
+    const T* storage() const { return items.data(); }
+    size_t storageCapacity() const { return items.capacity(); }
 
 private:
     // When the storage is full, the popped prefix makes room before the vector would grow.

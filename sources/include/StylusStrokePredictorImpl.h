@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -59,8 +60,13 @@ private:
     // and busy-waits for it, so that the batch does not wait for the thread to be woken; not while
     // the machine has shown that it has no core to spare for that.
     bool takeNextBatch(StylusPointMessage& message);
+    // Reads what the next batch's prediction and delivery will touch; changes nothing.
+    void prefetchForNextBatch() const;
     void recordBatch(const StylusPointMessage& message);
     void deliverPredictions(const StylusPointMessage& message, const PredictedStylusTouchPointsCpp& result);
+
+    // How long the busy-wait runs before the model and the prediction's data are brought back again.
+    static constexpr std::chrono::microseconds kRewarmInterval{50};
 
     std::string logTag = "StylusPredictor";
     int32_t statsInterval = 120;

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "CacheTouch.h"
 #include "velmar/Log.h"
 
 namespace styluspipeline {
@@ -123,6 +124,7 @@ ModelPredictor::ModelPredictor(const ModelPredictorParams& p, const std::string&
     stagingFeatures.reserve(static_cast<size_t>(params.num_historcal_points) + kStagingMargin);
     groundTruth.reserve(kGroundTruthReserve);
     predictions.reserve(static_cast<size_t>(std::max(params.num_predictions, 0)));
+    prefetchPredictions.reserve(predictions.capacity());
 
     VELMAR_LOG(velmar::Info, logTag, "Model Predictor constructor");
 }
@@ -208,7 +210,7 @@ void ModelPredictor::stageBatch(const std::map<unsigned long, StylusTouchPoint>&
     lastPoint = newest->second;
 }
 
-void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& predictions) const {
+void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& predictions, bool logDrops) const {
     // Never read past what the model actually produces, whatever the configuration asks for.
     const int64_t available = std::min<int64_t>(output0ElementCount / 2, output1ElementCount);
     const int64_t count = std::min<int64_t>(params.num_predictions, available);
@@ -225,7 +227,9 @@ void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& p
         }
         // A NaN or absurd input sample, or a model gone wild, yields points no screen has.
         if (!(std::fabs(x) <= kMaxPredictedCoordinatePx && std::fabs(y) <= kMaxPredictedCoordinatePx)) {
-            VELMAR_LOG(velmar::Debug, logTag, "Predicted point out of range, dropped : " << x << ", " << y);
+            if (logDrops) {
+                VELMAR_LOG(velmar::Debug, logTag, "Predicted point out of range, dropped : " << x << ", " << y);
+            }
             continue;
         }
         predictions.push_back({timestamp, x, y});
@@ -296,7 +300,7 @@ bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, Styl
                                     static_cast<size_t>(output1ElementCount) * sizeof(float));
 
     predictions.clear();
-    decodePredictions(predictions);
+    decodePredictions(predictions, true);
     metricCalculator.setPredictions(predictions);
 
     out.timestamp = lastTimestamp;
@@ -311,6 +315,23 @@ bool ModelPredictor::predictStylusTouchPoints(const std::map<unsigned long, Styl
 void ModelPredictor::warmUp() {
     // A failure here is the next prediction's to report.
     static_cast<void>(modelRunner.runInference());
+}
+
+void ModelPredictor::prefetchForNextBatch() const {
+    touchForRead(this, sizeof(*this));
+    touchForRead(featureHistory.begin(), featureHistory.size() * sizeof(StylusModelInputFeatures));
+    touchForRead(stagingFeatures.data(), stagingFeatures.capacity() * sizeof(StylusModelInputFeatures));
+    touchForRead(groundTruth.data(), groundTruth.capacity() * sizeof(StylusTouchPoint));
+    touchForRead(predictions.data(), predictions.capacity() * sizeof(PredictedStylusCoordinate));
+    touchForRead(output0Data.get(), static_cast<size_t>(output0ElementCount) * sizeof(float));
+    touchForRead(output1Data.get(), static_cast<size_t>(output1ElementCount) * sizeof(float));
+    prefetchPredictions.clear();
+    // A copy of the last decoding: its dropped points were reported then.
+    decodePredictions(prefetchPredictions, false);
+    StylusModelInputFeatures row;
+    normalize(row, diffFunction(lastPoint, &lastPoint));
+    touchForRead(&row, sizeof(row));
+    metricCalculator.prefetchForNextBatch();
 }
 
 }  // namespace styluspipeline

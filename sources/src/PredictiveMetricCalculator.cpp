@@ -18,6 +18,7 @@
 #include <locale>
 #include <sstream>
 
+#include "CacheTouch.h"
 #include "velmar/Log.h"
 
 namespace styluspipeline {
@@ -181,6 +182,16 @@ void PredictiveMetricCalculator::strokeClear() {
     // clear() keeps the queues' storage, so the next stroke does not allocate again.
     groundTruthQueue.clear();
     predictionQueue.clear();
+}
+
+void PredictiveMetricCalculator::prefetchForNextBatch() const {
+    touchForRead(this, sizeof(*this));
+    touchForRead(groundTruthQueue.storage(), groundTruthQueue.storageCapacity() * sizeof(StylusTouchPoint));
+    touchForRead(predictionQueue.storage(),
+                 predictionQueue.storageCapacity() * sizeof(std::pair<PredictedStylusCoordinate, bool>));
+    const float results[] = {atan2f(lastVertex.y_pos, lastVertex.x_pos),
+                             std::sqrt(lastVertex.x_pos * lastVertex.x_pos + lastVertex.y_pos * lastVertex.y_pos)};
+    touchForRead(results, sizeof(results));
 }
 
 void PredictiveMetricCalculator::calculateMetrics(const StylusTouchPoint& gt, const PredictedStylusCoordinate& pred,

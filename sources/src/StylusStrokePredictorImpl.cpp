@@ -11,6 +11,7 @@
 #include <fstream>
 #include <vector>
 
+#include "CacheTouch.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/StylusStrokePredictorImpl"
@@ -198,16 +199,29 @@ bool StylusStrokePredictorImpl::takeNextBatch(StylusPointMessage& message) {
         case QueuePopResult::TimedOut:
             break;
     }
-    // After a sleep of most of a batch interval the model's weights are out of the caches; bringing
-    // them back now keeps that miss out of the batch's latency.
-    modelPredictor.warmUp();
-    // A late batch falls through to the ordinary wait.
-    static_cast<void>(inputQueue.spinUntilReady(spinEnd));
+    // After a sleep of most of a batch interval the model's weights and the data and code of a
+    // prediction are out of the caches and their pages out of the address-translation caches, and
+    // they drift out again within a fraction of the window; bringing them back now and every
+    // kRewarmInterval of the wait keeps those misses out of the batch's latency. A late batch falls
+    // through to the ordinary wait.
+    for (;;) {
+        modelPredictor.warmUp();
+        prefetchForNextBatch();
+        const Clock::time_point until = std::min(spinEnd, Clock::now() + kRewarmInterval);
+        if (inputQueue.spinUntilReady(until) || until >= spinEnd) {
+            break;
+        }
+    }
     if (!inputQueue.pop(message)) {
         return false;
     }
     spinBackoff.noteSpin(std::chrono::nanoseconds(steadyNowNs() - lastSendNs.load(std::memory_order_relaxed)));
     return true;
+}
+
+void StylusStrokePredictorImpl::prefetchForNextBatch() const {
+    modelPredictor.prefetchForNextBatch();
+    touchForRead(callbackCoordinates.get(), callbackCoordinatesCapacity * sizeof(PredictedStylusCoordinate));
 }
 
 void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
