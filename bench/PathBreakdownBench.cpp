@@ -354,7 +354,8 @@ void BM_PathBreakdown(benchmark::State& state) {
 
     // Only batches awaited by a spin that saw them after the send returned: the steady state the
     // window is for.
-    std::vector<double> send, visible, pop, note, predict, preprocess, model, deliver, total, probe, cpuSpin, cpuSeen, cpuAfter, pollGap, seenAfterPush, pushToReturn;
+    std::vector<double> send, visible, pop, note, predict, preprocess, model, deliver, total, probe, cpuSpin,
+        cpuSeen, cpuAfter, pollGap, seenAfterPush, pushToReturn;
     double hostAllocations = 0, hostFrees = 0, inferenceAllocations = 0, inferenceFrees = 0;
     size_t counted = 0;
     size_t sameCpu = 0;
@@ -369,7 +370,9 @@ void BM_PathBreakdown(benchmark::State& state) {
         visible.push_back(us(std::max<int64_t>(p.seen - p.returned, 0)));
         probe.push_back(us(p.probeNs));
         cpuSpin.push_back(us(p.cpuAtSpinNs));
-        pollGap.push_back(us(p.seen - p.lastEmptyPoll));
+        if (p.lastEmptyPoll != 0) {  // only the probed wait records its polls
+            pollGap.push_back(us(p.seen - p.lastEmptyPoll));
+        }
         seenAfterPush.push_back(us(p.seen - p.pushed));
         pushToReturn.push_back(us(p.returned - p.pushed));
         cpuSeen.push_back(us(p.cpuAtSeenNs));
@@ -389,10 +392,26 @@ void BM_PathBreakdown(benchmark::State& state) {
     const struct {
         const char* name;
         const std::vector<double>* values;
-    } steps[] = {{"send", &send},       {"visible", &visible}, {"pop", &pop},
-                 {"note", &note},       {"predict", &predict}, {"preprocess", &preprocess},
-                 {"model", &model},     {"deliver", &deliver}, {"total", &total}, {"probe", &probe}, {"work_spin", &cpuSpin}, {"work_seen", &cpuSeen}, {"work_after", &cpuAfter}, {"poll_gap", &pollGap}, {"seen_after_push", &seenAfterPush}, {"push_to_return", &pushToReturn}};
+    } steps[] = {{"send", &send},
+                 {"visible", &visible},
+                 {"pop", &pop},
+                 {"note", &note},
+                 {"predict", &predict},
+                 {"preprocess", &preprocess},
+                 {"model", &model},
+                 {"deliver", &deliver},
+                 {"total", &total},
+                 {"probe", &probe},
+                 {"work_spin", &cpuSpin},
+                 {"work_seen", &cpuSeen},
+                 {"work_after", &cpuAfter},
+                 {"poll_gap", &pollGap},
+                 {"seen_after_push", &seenAfterPush},
+                 {"push_to_return", &pushToReturn}};
     for (const auto& step : steps) {
+        if (step.values->empty()) {
+            continue;
+        }
         state.counters[std::string(step.name) + "_p50_us"] = percentile(*step.values, 0.50);
         state.counters[std::string(step.name) + "_p99_us"] = percentile(*step.values, 0.99);
     }
