@@ -19,7 +19,7 @@ import os
 
 import numpy as np
 
-from features import FeatureConfig, Recording, resample
+from features import FeatureConfig, Recording, at_rate, parse_rates, rate_label
 from model import tflite_forward
 from targets import Dataset, build
 
@@ -76,13 +76,12 @@ class Cell:
 
 
 def datasets(cfg, files, rates):
-    """{(file name, rate): Dataset}; rate "own" is the recording as it is."""
+    """{(file name, rate): Dataset}; rates as features.at_rate takes them."""
     out = {}
     for f in files:
         rec = Recording.load(f)
         for rate in rates:
-            r = rec if rate == "own" else resample(rec, float(rate))
-            out[(os.path.basename(f), rate)] = build(r, cfg)
+            out[(os.path.basename(f), rate)] = build(at_rate(rec, rate), cfg)
     return out
 
 
@@ -161,11 +160,11 @@ def report(predict, cfg, files, rates, batches, title, per_file_batch=4, summary
     cells = sweep(predict, cfg, sets, batches, cfg.stroke_end_thres)
     keys = list(cells)
     out = [horizon_table(pooled(cells, keys), hz, "%s, everything pooled" % title), ""]
-    by_rate = [("%s, batch %d" % (r if r == "own" else "%s Hz" % r, b),
+    by_rate = [("%s, batch %d" % (rate_label(r), b),
                 pooled(cells, [k for k in keys if k[1] == r and k[2] == b])) for r in rates for b in batches]
     out += ["%s, all recordings pooled, per rate and batch size (mean mm):" % title, "",
             grid_table(cells, hz, by_rate, "rate, batch"), ""]
-    per_file = [("%s @ %s, batch %d" % (k[0], k[1] if k[1] == "own" else "%s Hz" % k[1], k[2]), cells[k])
+    per_file = [("%s @ %s, batch %d" % (k[0], rate_label(k[1]), k[2]), cells[k])
                 for k in keys if k[2] == per_file_batch]
     out += ["%s per recording, batches of %d (mean mm):" % (title, per_file_batch), "",
             grid_table(cells, hz, per_file, "recording"), ""]
@@ -192,14 +191,15 @@ def main():
     ap.add_argument("files", nargs="+", help="recordings (CSV)")
     ap.add_argument("--config", default=os.path.join(ROOT, "models", "stylus_predictor.json"))
     ap.add_argument("--model", default=None, help="default: the config's model_name beside it")
-    ap.add_argument("--rates", default="own", help="comma-separated: own and/or Hz (default: own)")
+    ap.add_argument("--rates", default="own",
+                    help="comma-separated: own, Hz, or Hz followed by px for whole pixels (default: own)")
     ap.add_argument("--batches", default="4", help="comma-separated batch sizes (default: 4)")
     args = ap.parse_args()
     with open(args.config) as f:
         sec = json.load(f)["PredictionModel"]
     cfg = FeatureConfig(sec)
     model = args.model or os.path.join(os.path.dirname(os.path.abspath(args.config)), sec["model_name"])
-    rates = [r if r == "own" else float(r) for r in args.rates.split(",")]
+    rates = parse_rates(args.rates)
     batches = [int(b) for b in args.batches.split(",")]
     print(report(tflite_predictor(model, cfg.num_predictions), cfg, args.files, rates, batches, "Results"))
 

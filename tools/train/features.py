@@ -225,6 +225,41 @@ def resample(rec, rate_hz, smooth=True):
                      cat["orientation"], cat["tag"], name="%s@%s" % (rec.name, label))
 
 
+def quantize(rec, grid_px):
+    """Positions rounded to a grid (one spacing in pixels, or one per stroke; 0 leaves a stroke as
+    it is), as a digitiser or a host reporting whole pixels delivers them."""
+    stroke = np.maximum(np.cumsum(rec.tag == PEN_DOWN) - 1, 0)
+    g = np.broadcast_to(np.asarray(grid_px, dtype=np.float64), (stroke.max() + 1 if len(stroke) else 0,))[stroke]
+    on = g > 0
+    unit = np.where(on, g, 1.0)
+    snap = lambda v: np.where(on, np.round(v.astype(np.float64) / unit) * unit, v)
+    return Recording(rec.t, snap(rec.x), snap(rec.y), rec.pressure, rec.tilt, rec.orientation,
+                     rec.tag, name=rec.name + "@quantized")
+
+
+def at_rate(rec, rate):
+    """The recording for one validation rate: "own" as recorded, a number resampled to that many
+    Hz, "<Hz>px" resampled and rounded to whole pixels (a host that reports integer pixels)."""
+    if rate == "own":
+        return rec
+    if isinstance(rate, str) and rate.endswith("px"):
+        return quantize(resample(rec, float(rate[:-2])), 1.0)
+    return resample(rec, float(rate))
+
+
+def rate_label(rate):
+    if rate == "own":
+        return "own"
+    if isinstance(rate, str) and rate.endswith("px"):
+        return "%s Hz whole px" % rate[:-2]
+    return "%s Hz" % rate
+
+
+def parse_rates(text):
+    """"own,100,240px" -> ["own", 100.0, "240px"]."""
+    return [r if r == "own" or r.endswith("px") else float(r) for r in text.split(",")]
+
+
 def scale_strokes(rec, factor):
     """Positions scaled per stroke (one factor or one per stroke): larger, faster writing."""
     stroke = np.maximum(np.cumsum(rec.tag == PEN_DOWN) - 1, 0)

@@ -14,7 +14,7 @@ import sys
 import tempfile
 
 import card_tables
-from features import Recording, resample
+from features import Recording, at_rate, rate_label
 from train import VAL_BATCHES, VAL_RATES, VALIDATION, file_list
 
 HEADER = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n"
@@ -33,8 +33,7 @@ def recordings_at(rate, sources, out_dir):
     for src in sources:
         rec = Recording.load(src)
         name = os.path.splitext(os.path.basename(src))[0]
-        if rate != "own":
-            rec = resample(rec, float(rate))
+        rec = at_rate(rec, rate if rate == "own" or rate.endswith("px") else float(rate))
         path = os.path.join(out_dir, "%s_%s.csv" % (name, rate if rate == "own" else "%shz" % rate))
         write_csv(path, rec)
         paths.append(path)
@@ -59,7 +58,7 @@ def main(argv=None):
         for rate in args.rates.split(","):
             paths = recordings_at(rate, sources, work)
             for b in args.batches.split(","):
-                label = "%s, batch %s" % (rate if rate == "own" else "%s Hz" % rate, b)
+                label = "%s, batch %s" % (rate_label(rate), b)
                 out = os.path.join(work, "replay_%s_b%s.json" % (rate, b))
                 subprocess.run([replay, "--config", config, "--batch-size", b, "--json", out, "--quiet",
                                 "--log", os.path.join(work, "stylus-replay.log")] + paths,

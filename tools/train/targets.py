@@ -66,8 +66,10 @@ def stroke_extent(rec):
     return first, last
 
 
-def build(rec, cfg):
-    """Dataset of one recording under the given feature configuration."""
+def build(rec, cfg, truth=None):
+    """Dataset of one recording under the given feature configuration. `truth`, the same samples
+    before any grid rounding, gives the positions the targets are taken from (the pen itself
+    rather than what the digitiser reported); rows and baselines always see `rec`."""
     sample, hist, _ = recording_histories(rec, cfg)
     p = cfg.num_predictions
     horizons = cfg.prediction_time_delta_ms * np.arange(1, p + 1)
@@ -76,6 +78,8 @@ def build(rec, cfg):
     t = rec.t.astype(np.float64)
     x = rec.x.astype(np.float64)
     y = rec.y.astype(np.float64)
+    tx = x if truth is None else truth.x.astype(np.float64)
+    ty = y if truth is None else truth.y.astype(np.float64)
 
     k = len(sample)
     disp = np.zeros((k, p, 2))
@@ -85,7 +89,7 @@ def build(rec, cfg):
     for a, s0, c in zip(starts, begin, count):  # samples are in recording order
         sel = np.arange(s0, s0 + c)
         b = last[sample[sel[0]]]
-        ts, xs, ys = t[a:b + 1], x[a:b + 1], y[a:b + 1]
+        ts, xs, ys = t[a:b + 1], tx[a:b + 1], ty[a:b + 1]
         i = sample[sel]
         tq = t[i][:, None] + horizons[None, :]
         valid[sel] = tq <= ts[-1]

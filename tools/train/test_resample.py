@@ -8,7 +8,8 @@ import unittest
 import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from features import PEN_DOWN, PEN_UP, Recording, hermite, resample  # noqa: E402
+from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording, at_rate, hermite, quantize, resample  # noqa: E402
+from targets import build  # noqa: E402
 
 
 def stroke(t, x, y, pressure):
@@ -54,6 +55,57 @@ class ResampleTest(unittest.TestCase):
         np.testing.assert_array_equal(out.t, [0, 4, 8, 12, 16])
         np.testing.assert_allclose(out.x, [0, 1, 2, 3, 4], atol=1e-9)
         self.assertEqual(len(resample(stroke([0], [0.0], [0.0], [0.5]), 250.0).t), 0)
+
+
+
+def two_strokes():
+    t = np.arange(0, 60, 2)
+    a = stroke(t, 10.3 + 0.37 * t, 20.6 + 0.011 * t ** 2, np.full(len(t), 0.5))
+    b = stroke(t + 100, 50.2 - 0.29 * t, 5.55 + 0.13 * t, np.full(len(t), 0.5))
+    return Recording(np.concatenate([a.t, b.t]), np.concatenate([a.x, b.x]), np.concatenate([a.y, b.y]),
+                     np.concatenate([a.pressure, b.pressure]), np.zeros(2 * len(t)), np.zeros(2 * len(t)),
+                     np.concatenate([a.tag, b.tag]))
+
+
+class QuantizeTest(unittest.TestCase):
+    def test_each_stroke_snaps_to_its_own_grid_and_zero_leaves_it_alone(self):
+        rec = two_strokes()
+        out = quantize(rec, [0.5, 0.0])
+        first, second = slice(0, 30), slice(30, 60)
+        x = out.x[first].astype(np.float64)
+        np.testing.assert_allclose(x / 0.5, np.round(x / 0.5), atol=1e-4)
+        self.assertLessEqual(np.abs(out.x[first] - rec.x[first]).max(), 0.25 + 1e-4)
+        self.assertGreater(np.abs(out.x[first] - rec.x[first]).max(), 0.05)
+        np.testing.assert_array_equal(out.x[second], rec.x[second])
+        np.testing.assert_array_equal(out.y[second], rec.y[second])
+        np.testing.assert_array_equal(out.t, rec.t)
+        np.testing.assert_array_equal(out.tag, rec.tag)
+
+    def test_whole_pixel_rates_resample_then_round(self):
+        rec = two_strokes()
+        out = at_rate(rec, "250px")
+        np.testing.assert_array_equal(out.t, resample(rec, 250.0).t)
+        np.testing.assert_array_equal(out.x, np.round(out.x))
+        self.assertIs(at_rate(rec, "own"), rec)
+
+
+class TruthTargetTest(unittest.TestCase):
+    def test_targets_come_from_the_truth_rows_and_baselines_from_the_report(self):
+        cfg = FeatureConfig({"num_historical_points": 4, "min_num_historical_points": 2,
+                             "pixel_per_inch": 254, "mm_per_inch": 25.4})  # 0.1 mm per pixel
+        smooth = two_strokes()
+        reported = quantize(smooth, 1.0)
+        ds, plain = build(reported, cfg, truth=smooth), build(reported, cfg)
+        truth_only = build(smooth, cfg)
+        np.testing.assert_array_equal(ds.x, plain.x)
+        np.testing.assert_array_equal(ds.cv, plain.cv)
+        np.testing.assert_array_equal(ds.ls3, plain.ls3)
+        # Displacement: the true pen later minus the position the host reported now.
+        shift = (smooth.x.astype(np.float64) - reported.x) * 0.1
+        k = ds.pos[0]  # sample index of the first prediction (the first stroke starts at 0)
+        expected = truth_only.disp[0, :, 0] + shift[k]
+        np.testing.assert_allclose(ds.disp[0, :, 0], expected, atol=1e-5)
+        self.assertFalse(np.allclose(ds.disp, plain.disp, atol=1e-3))
 
 
 if __name__ == "__main__":

@@ -21,7 +21,7 @@ import torch
 
 import card_tables
 import evaluate
-from features import FEATURES, PEN_DOWN, FeatureConfig, Recording, resample
+from features import FEATURES, PEN_DOWN, FeatureConfig, Recording, quantize, rate_label, resample
 from model import ResidualPredictor, tflite_forward, tflite_operators
 from targets import Dataset, build
 
@@ -47,6 +47,8 @@ SETTINGS = {
     "regular_share": 0.0,  # share of augmented strokes at a whole-ms period instead (0.3 tried)
     "sizes": (0.3, 6.0),   # writing size factor, log-uniform per stroke
     "rotate": False,       # random rotation and mirroring per stroke
+    "quantize_share": 0.0,  # share of augmented strokes whose positions are rounded to a grid
+    "grid_mm": (0.02, 0.25),  # that grid's spacing, log-uniform per stroke
     "linear_skip": True,   # a linear path from the MLP inputs to the correction
     "time_windows": [],    # ms: weighted least-squares velocities over these stretches of stroke
     "end_layers": [32, 16],  # widths of a stroke-end branch of its own (empty: a layer on the shared one)
@@ -62,7 +64,8 @@ SETTINGS = {
     "seed": 1234,
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
-VAL_RATES = ("own", 100, 150, 200, 240, 300, 400, 500, 600)
+# "px": positions rounded to whole pixels, as a host reporting integer pixels sends them.
+VAL_RATES = ("own", 100, 150, 200, 240, 300, 400, 500, 600, "100px", "240px", "400px", "600px")
 VAL_BATCHES = (1, 2, 4, 8)
 
 
@@ -169,7 +172,9 @@ def horizons():
 
 
 def augment(rec, rng, s):
-    """A copy of the recording with a random rate, writing size, rotation and mirroring per stroke."""
+    """A copy of the recording with a random rate, writing size, rotation and mirroring per stroke,
+    and with positions rounded to a random grid on a share of the strokes: (the copy as a digitiser
+    reports it, the same before rounding)."""
     n = int((rec.tag == PEN_DOWN).sum())
     rates = np.exp(rng.uniform(np.log(s["rates"][0]), np.log(s["rates"][1]), n))
     # Real pens report on a fixed period, mostly whole milliseconds (2 ms, 5 ms, 8 ms): without
@@ -190,7 +195,14 @@ def augment(rec, rng, s):
     c, si = np.cos(angles[stroke]), np.sin(angles[stroke])
     x = 1000.0 + c * dx - si * dy
     y = 1000.0 + si * dx + c * dy
-    return Recording(aug.t, x, y, aug.pressure, aug.tilt, aug.orientation, aug.tag, name=rec.name + "@augmented")
+    smooth = Recording(aug.t, x, y, aug.pressure, aug.tilt, aug.orientation, aug.tag, name=rec.name + "@augmented")
+    if s["quantize_share"] <= 0:
+        return smooth, smooth
+    # A host may report whole screen pixels, a digitiser its own grid: at fast rates the steps are
+    # then a few grid units and the newest step is a poor velocity.
+    grid = np.exp(rng.uniform(np.log(s["grid_mm"][0]), np.log(s["grid_mm"][1]), n)) * 213.0 / 25.4
+    reported = quantize(smooth, np.where(rng.uniform(size=n) < s["quantize_share"], grid, 0.0))
+    return reported, smooth
 
 
 def training_set(s):
@@ -207,7 +219,8 @@ def training_set(s):
         parts += [native] * s["native_copies"]
         rng = np.random.default_rng(s["seed"] + i)
         for _ in range(s["copies"]):
-            aug = build(augment(rec, rng, s), cfg)
+            reported, smooth = augment(rec, rng, s)
+            aug = build(reported, cfg, truth=smooth)
             # Neighbouring points of fast-sampled copies say nearly the same: keep a share.
             parts.append(aug.subset(rng.uniform(size=len(aug)) < s["keep"]))
     ds = Dataset.concat(parts)
@@ -270,6 +283,8 @@ CANDIDATES = {
     "1 copy": {"copies": 1},
     "3 copies": {"copies": 3},
     "min points 2": {"min_num_historical_points": 2},
+    "grid 0.3": {"quantize_share": 0.3},
+    "grid 0.5": {"quantize_share": 0.5},
 }
 
 
@@ -287,7 +302,7 @@ def select(base, names):
         worst, mean, losing, catch, drops, cells = score(s, model, cfg, sets)
         torch.save(model.state_dict(), "/tmp/stylus_candidate_%s.pt" % name.replace(" ", "_"))
         hz = horizons()
-        rows = [("%s, batch %d" % (r, b), evaluate.pooled(cells, [k for k in cells if k[1] == r and k[2] == b]))
+        rows = [("%s, batch %d" % (rate_label(r), b), evaluate.pooled(cells, [k for k in cells if k[1] == r and k[2] == b]))
                 for r in VAL_RATES for b in (1, 8)]
         print(evaluate.grid_table(cells, hz, rows, "rate, batch"))
         print(evaluate.grid_table(cells, hz, [("%s %s" % (k[0][:12], k[1]), c) for k, c in cells.items() if k[2] == 4],
