@@ -37,7 +37,7 @@ class ResidualPredictor(nn.Module):
     """
 
     def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
-                 end_hidden=32, time_windows=(), end_layers=()):
+                 end_hidden=32, time_windows=(), end_layers=(), roughness=False):
         super().__init__()
         n = self.n = n_hist
         self.p = num_predictions
@@ -88,6 +88,9 @@ class ResidualPredictor(nn.Module):
         self.windows = [float(w) for w in time_windows]
         if self.windows:
             self._time_window_constants(n, combo, fc)
+        self.roughness = bool(roughness)
+        if self.roughness:
+            self._roughness_constants(n)
         base = np.zeros((2 * self.p, 2))
         base[0::2, 0] = self.horizons
         base[1::2, 1] = self.horizons
@@ -95,7 +98,7 @@ class ResidualPredictor(nn.Module):
         for k, (w, b) in self.consts.items():
             self.register_buffer("c_%s_w" % k, torch.tensor(w, dtype=torch.float32))
             self.register_buffer("c_%s_b" % k, torch.tensor(b, dtype=torch.float32))
-        self.mlp_in = 2 * n + 2 + 1 + f + 2 * len(self.windows)
+        self.mlp_in = 2 * n + 2 + 1 + f + 2 * len(self.windows) + (4 if self.roughness else 0)
         mask = np.ones(self.mlp_in, np.float32)
         for row in range(n if mask_positions else 0):
             for col in POSITION_COLUMNS:
@@ -167,6 +170,25 @@ class ResidualPredictor(nn.Module):
         speed = np.full((1, 2 * n), 1.0 / n)
         self.consts["speed_tw"] = (np.repeat(speed, 2 * k, axis=0), np.full(2 * k, SPEED_EPS))
 
+    def _roughness_constants(self, n):
+        """How much the velocity changes from step to step, per axis, over the last three changes and
+        over the whole history: a digitiser's grid or jitter shows up as changes of the order of the
+        speed itself, a smooth stroke as small ones."""
+        diff = np.zeros((2 * (n - 1), 2 * n))
+        for a in range(2):
+            for i in range(1, n):
+                diff[a * (n - 1) + i - 1, a * n + i] = 1.0
+                diff[a * (n - 1) + i - 1, a * n + i - 1] = -1.0
+        self.consts["rough_diff"] = (diff, np.zeros(2 * (n - 1)))
+        mean = np.zeros((4, 2 * (n - 1)))
+        recent = min(3, n - 1)
+        for a in range(2):
+            mean[a, a * (n - 1) + n - 1 - recent:(a + 1) * (n - 1)] = 1.0 / recent
+            mean[2 + a, a * (n - 1):(a + 1) * (n - 1)] = 1.0 / (n - 1)
+        self.consts["rough_mean"] = (mean, np.zeros(4))
+        speed = np.full((1, 2 * n), 1.0 / n)
+        self.consts["speed4"] = (np.repeat(speed, 4, axis=0), np.full(4, SPEED_EPS))
+
     def _time_window_velocity(self, flat, absv):
         """[B, 2K] window velocities (x for every window, then y) divided by the speed scale."""
         W = torch.tensor(self.windows, dtype=torch.float32)
@@ -197,6 +219,9 @@ class ResidualPredictor(nn.Module):
                  self._c("speed1", absv) / self._c("speed1c", absv), flat]
         if self.windows:
             parts.append(self._time_window_velocity(flat, absv))
+        if self.roughness:
+            dv = self._c("rough_diff", v)
+            parts.append(self._c("rough_mean", torch.maximum(dv, dv * -1.0)) / self._c("speed4", absv))
         if self.end_layers:
             parts.append(self._c("row_speed", absv))
         z = torch.cat(parts, dim=1)
@@ -262,6 +287,12 @@ class ResidualPredictor(nn.Module):
                  g.flat]
         if self.windows:
             parts.append(self._export_time_windows(g, fc, full, absv))
+        if self.roughness:
+            dv = fc("rough_diff", v)
+            width = 2 * (self.n - 1)
+            adv = g.binary("maximum", "abs_velocity_change", dv,
+                           g.binary("mul", "neg_velocity_change", dv, full("minus_one_change", -1.0, width)))
+            parts.append(g.binary("div", "roughness_rel", fc("rough_mean", adv), fc("speed4", absv)))
         z = g.concatenation("mlp_input", parts)
         k = self.mlp_in
         scale_all = self.in_scale.double().numpy() * (self.in_mask_full.double().numpy() if self.end_layers else

@@ -15,9 +15,9 @@ from features import PEN_DOWN, PEN_UP, recording_histories
 class Dataset:
     """Arrays of one or more recordings, aligned on prediction points."""
 
-    FIELDS = ("x", "disp", "valid", "end", "cv", "ls3", "dt_last", "pos", "up")
+    FIELDS = ("x", "disp", "valid", "end", "cv", "ls3", "dt_last", "pos", "up", "stroke")
 
-    def __init__(self, x, disp, valid, end, cv, ls3, dt_last, pos, up):
+    def __init__(self, x, disp, valid, end, cv, ls3, dt_last, pos, up, stroke):
         self.x = x            # float32 [K, N, 6] model input rows
         self.disp = disp      # float32 [K, P, 2] true displacement, mm
         self.valid = valid    # bool [K, P] displacement target exists
@@ -27,6 +27,7 @@ class Dataset:
         self.dt_last = dt_last  # float32 [K] last sample gap, ms
         self.pos = pos        # int64 [K] index of the newest sample in its stroke (pen-down = 0)
         self.up = up          # int64 [K] index of the stroke's pen-up sample in the stroke
+        self.stroke = stroke  # int64 [K] the stroke's pen-down sample in its recording (an id)
 
     def __len__(self):
         return len(self.x)
@@ -37,6 +38,12 @@ class Dataset:
 
     def subset(self, sel):
         return Dataset(*(getattr(self, f)[sel] for f in self.FIELDS))
+
+    def renumbered(self, part):
+        """The same points with stroke ids unique across the parts of a concatenation."""
+        out = Dataset(*(getattr(self, f) for f in self.FIELDS))
+        out.stroke = self.stroke + (np.int64(part) << 40)
+        return out
 
     def batch_mask(self, batch_size):
         """Points where the library predicts when a host sends batches of batch_size samples.
@@ -105,7 +112,7 @@ def build(rec, cfg, truth=None):
     ls3 = ls3_velocity(t, x, y, sample, first)[:, None, :] * horizons[None, :, None] * mm
     return Dataset(hist, disp.astype(np.float32), valid, (~valid).astype(np.float32),
                    cv.astype(np.float32), ls3.astype(np.float32), dt_last.astype(np.float32),
-                   sample - first[sample], last[sample] - first[sample])
+                   sample - first[sample], last[sample] - first[sample], first[sample])
 
 
 def ls3_velocity(t, x, y, sample, first):

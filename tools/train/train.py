@@ -51,6 +51,8 @@ SETTINGS = {
     "grid_mm": (0.02, 0.25),  # that grid's spacing, log-uniform per stroke
     "linear_skip": True,   # a linear path from the MLP inputs to the correction
     "time_windows": [],    # ms: weighted least-squares velocities over these stretches of stroke
+    "roughness": False,    # the MLP also sees how much the velocity changes from step to step
+    "stroke_relative": 0.0,  # share of the loss weight that is relative to each stroke's baseline error
     "end_layers": [32, 16],  # widths of a stroke-end branch of its own (empty: a layer on the shared one)
     "end_hidden": 32,      # hidden width of the stroke-end head (0: read the last shared layer)
     "mask_positions": False,  # the MLP sees velocities relative to the speed scale, not the raw steps
@@ -64,6 +66,9 @@ SETTINGS = {
     "seed": 1234,
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
+# A stroke's baseline error below this (mm) is treated as this, so that near-still strokes do not
+# take over the loss.
+STROKE_ERR_FLOOR_MM = 0.01
 # "px": positions rounded to whole pixels, as a host reporting integer pixels sends them.
 VAL_RATES = ("own", 100, 150, 200, 240, 300, 400, 500, 600, "100px", "240px", "400px", "600px")
 VAL_BATCHES = (1, 2, 4, 8)
@@ -123,7 +128,7 @@ def new_model(s):
     return ResidualPredictor(s["num_historical_points"], s["hidden"], NUM_PREDICTIONS, DELTA_MS,
                              [s["ranges"][f] for f in FEATURES], s["mask_positions"],
                              s["linear_skip"], s["end_hidden"], s.get("time_windows", []),
-                             s.get("end_layers", []))
+                             s.get("end_layers", []), s.get("roughness", False))
 
 
 def train_model(s, ds, log=print):
@@ -140,8 +145,7 @@ def train_model(s, ds, log=print):
     valid = torch.from_numpy(ds.valid.astype(np.float32))
     end = torch.from_numpy(ds.end)
     base_err = np.minimum(np.linalg.norm(ds.cv - ds.disp, axis=2), np.linalg.norm(ds.ls3 - ds.disp, axis=2))
-    hweight = torch.tensor([1.0 / base_err[ds.valid[:, h], h].mean() for h in range(NUM_PREDICTIONS)],
-                           dtype=torch.float32)
+    weight = torch.from_numpy(point_weights(ds, base_err, s["stroke_relative"]))
     opt = torch.optim.Adam(model.parameters(), lr=s["lr"])
     steps = s["epochs"] * ((len(ds) + s["batch"] - 1) // s["batch"])
     sched = torch.optim.lr_scheduler.OneCycleLR(opt, max_lr=s["lr"], total_steps=steps, pct_start=0.1)
@@ -156,7 +160,7 @@ def train_model(s, ds, log=print):
             d, e = model.head(z[idx], base[idx], speed_h[idx])
             err = torch.sqrt(((d.view(-1, NUM_PREDICTIONS, 2) - y[idx]) ** 2).sum(2) + 1e-8)
             v = valid[idx]
-            loss = ((err * v).sum(0) / v.sum(0).clamp(min=1) * hweight).sum() + s["end_weight"] * bce(e, end[idx])
+            loss = ((err * v * weight[idx]).sum(0) / v.sum(0).clamp(min=1)).sum() + s["end_weight"] * bce(e, end[idx])
             opt.zero_grad()
             loss.backward()
             opt.step()
@@ -165,6 +169,28 @@ def train_model(s, ds, log=print):
         log("  epoch %2d loss %.4f (%.0f s)" % (epoch + 1, total / len(ds), time.time() - t0))
     model.eval()
     return model
+
+
+def point_weights(ds, base_err, relative):
+    """[K, P] loss weight of every point and horizon: one over the better baseline's mean error at
+    that horizon, and for a share `relative` one over that mean within the point's own stroke, so
+    that slow, fine or smooth strokes, whose errors are small, count as much as fast ones."""
+    p = base_err.shape[1]
+    out = np.zeros(base_err.shape, np.float32)
+    _, stroke = np.unique(ds.stroke, return_inverse=True)
+    for h in range(p):
+        v = ds.valid[:, h]
+        overall = base_err[v, h].mean()
+        w = np.full(len(ds), 1.0 / overall)
+        if relative > 0:
+            total = np.bincount(stroke[v], base_err[v, h], minlength=stroke.max() + 1)
+            count = np.bincount(stroke[v], minlength=stroke.max() + 1)
+            own = np.maximum(total / np.maximum(count, 1), STROKE_ERR_FLOOR_MM)[stroke]
+            rel = 1.0 / own
+            rel *= w[v].mean() / rel[v].mean()  # same mean weight as the overall one
+            w = (1.0 - relative) * w + relative * rel
+        out[:, h] = w
+    return out
 
 
 def horizons():
@@ -216,13 +242,13 @@ def training_set(s):
             continue
         rec = Recording.load(f)
         native = build(rec, cfg)
-        parts += [native] * s["native_copies"]
+        parts += [native.renumbered(len(parts) + k) for k in range(s["native_copies"])]
         rng = np.random.default_rng(s["seed"] + i)
         for _ in range(s["copies"]):
             reported, smooth = augment(rec, rng, s)
             aug = build(reported, cfg, truth=smooth)
             # Neighbouring points of fast-sampled copies say nearly the same: keep a share.
-            parts.append(aug.subset(rng.uniform(size=len(aug)) < s["keep"]))
+            parts.append(aug.subset(rng.uniform(size=len(aug)) < s["keep"]).renumbered(len(parts)))
     ds = Dataset.concat(parts)
     keep = np.isfinite(ds.x).all(axis=(1, 2))
     return ds.subset(keep) if not keep.all() else ds
@@ -285,6 +311,13 @@ CANDIDATES = {
     "min points 2": {"min_num_historical_points": 2},
     "grid 0.3": {"quantize_share": 0.3},
     "grid 0.5": {"quantize_share": 0.5},
+    "grid 0.5 16 epochs": {"quantize_share": 0.5, "epochs": 16},
+    "grid 0.5 time windows": {"quantize_share": 0.5, "time_windows": [4, 8, 16, 32]},
+    "grid 0.5 roughness": {"quantize_share": 0.5, "roughness": True},
+    "grid 0.5 roughness regular 0.3": {"quantize_share": 0.5, "roughness": True, "regular_share": 0.3},
+    "grid 0.5 roughness 16 epochs": {"quantize_share": 0.5, "roughness": True, "epochs": 16},
+    "grid 0.5 roughness relative 0.5": {"quantize_share": 0.5, "roughness": True, "stroke_relative": 0.5},
+    "grid 0.5 roughness relative 1": {"quantize_share": 0.5, "roughness": True, "stroke_relative": 1.0},
 }
 
 
@@ -307,6 +340,11 @@ def select(base, names):
         print(evaluate.grid_table(cells, hz, rows, "rate, batch"))
         print(evaluate.grid_table(cells, hz, [("%s %s" % (k[0][:12], k[1]), c) for k, c in cells.items() if k[2] == 4],
                                   "recording"))
+        for key, cell in cells.items():
+            lost = [(hz[h], r) for h, r in enumerate(evaluate.ratios(cell, NUM_PREDICTIONS)) if r >= 1.0]
+            if lost:
+                print("  losing: %s @ %s, batch %d: %s" % (key[0], rate_label(key[1]), key[2],
+                                                         ", ".join("%d ms %.3f" % x for x in lost)))
         print("%-14s worst ratio %.3f mean ratio %.3f losing cells %d | threshold %.2f drops %.3f %% "
               "caught %.1f %% | %d training points, %.0f s" % (
                   name, worst, mean, losing, s["stroke_end_thres"], 100 * drops, 100 * catch, len(tr),
