@@ -37,7 +37,7 @@ class ResidualPredictor(nn.Module):
     """
 
     def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
-                 end_hidden=32, time_windows=(), end_layers=(), roughness=False):
+                 end_hidden=32, time_windows=(), end_layers=(), roughness=False, mix_spans=()):
         super().__init__()
         n = self.n = n_hist
         self.p = num_predictions
@@ -91,6 +91,9 @@ class ResidualPredictor(nn.Module):
         self.roughness = bool(roughness)
         if self.roughness:
             self._roughness_constants(n)
+        self.mix_spans = [int(m) for m in mix_spans]
+        if self.mix_spans:
+            self._mix_constants(n, combo, fc)
         base = np.zeros((2 * self.p, 2))
         base[0::2, 0] = self.horizons
         base[1::2, 1] = self.horizons
@@ -126,6 +129,13 @@ class ResidualPredictor(nn.Module):
         self.corr = nn.Linear(width, 2 * self.p)
         nn.init.zeros_(self.corr.weight)
         nn.init.zeros_(self.corr.bias)
+        # Per horizon, weights of other velocity estimates (their difference from least squares):
+        # switching to the last step's velocity on a smooth, regular pen, or to a longer span on a
+        # coarse one, is then one product rather than something ReLU layers have to approximate.
+        self.gate = nn.Linear(width, self.p * len(self.mix_spans)) if self.mix_spans else None
+        if self.gate is not None:
+            nn.init.zeros_(self.gate.weight)
+            nn.init.zeros_(self.gate.bias)
         # A linear path from the inputs lets the correction express other velocity estimates
         # (the last step's, a longer least-squares fit) exactly, which ReLU layers only approximate.
         self.skip = nn.Linear(self.mlp_in, 2 * self.p, bias=False) if linear_skip else None
@@ -169,6 +179,26 @@ class ResidualPredictor(nn.Module):
         self.consts["tw_sum_w"] = (block, np.ones(k))
         speed = np.full((1, 2 * n), 1.0 / n)
         self.consts["speed_tw"] = (np.repeat(speed, 2 * k, axis=0), np.full(2 * k, SPEED_EPS))
+
+    def _mix_constants(self, n, combo, fc):
+        """Velocities over the last m rows (sum of steps over sum of gaps) for every span m, and
+        their differences from least squares times each horizon, laid out horizon, axis, span."""
+        k, p = len(self.mix_spans), self.p
+        self.consts["mix_step"] = fc([combo([(1, col, i) for i in range(n - m, n)])
+                                      for col in (1, 2) for m in self.mix_spans])
+        gap = [combo([(1, 0, i) for i in range(n - m, n)]) for m in self.mix_spans]
+        self.consts["mix_gap"] = fc(gap + gap)
+        w = np.zeros((p * 2 * k, 2 * k + 2))
+        for j, h in enumerate(self.horizons):
+            for a in range(2):
+                for m in range(k):
+                    w[(j * 2 + a) * k + m, a * k + m] = h
+                    w[(j * 2 + a) * k + m, 2 * k + a] = -h
+        self.consts["mix_e"] = (w, np.zeros(p * 2 * k))
+        total = np.zeros((2 * p, p * 2 * k))
+        for r in range(2 * p):
+            total[r, r * k:(r + 1) * k] = 1.0
+        self.consts["mix_sum"] = (total, np.zeros(2 * p))
 
     def _roughness_constants(self, n):
         """How much the velocity changes from step to step, per axis, over the last three changes and
@@ -225,9 +255,13 @@ class ResidualPredictor(nn.Module):
         if self.end_layers:
             parts.append(self._c("row_speed", absv))
         z = torch.cat(parts, dim=1)
-        return z, self._c("base", v_ls), self._c("speed_h", absv)
+        out = [z, self._c("base", v_ls), self._c("speed_h", absv)]
+        if self.mix_spans:
+            vm = self._c("mix_step", flat) / torch.maximum(self._c("mix_gap", flat), torch.tensor(MIN_GAP_MS))
+            out.append(self._c("mix_e", torch.cat([vm, v_ls], dim=1)))
+        return tuple(out)
 
-    def head(self, z, base, speed_h):
+    def head(self, z, base, speed_h, mix_e=None):
         zall = (z - self.in_shift) * self.in_scale
         zs = zall[:, :self.mlp_in] * self.in_mask
         h = zs
@@ -245,7 +279,11 @@ class ResidualPredictor(nn.Module):
             e = self.end(e)
         else:
             e = self.end(torch.relu(self.end_hidden(first))) if self.end_hidden is not None else self.end(h)
-        return base + corr * speed_h, e
+        out = base + corr * speed_h
+        if self.gate is not None:
+            g = self.gate(h).view(-1, self.p, 1, len(self.mix_spans))
+            out = out + (mix_e.view(-1, self.p, 2, len(self.mix_spans)) * g).sum(3).reshape(-1, 2 * self.p)
+        return out, e
 
     def forward(self, x):
         return self.head(*self.features(x))
@@ -327,7 +365,19 @@ class ResidualPredictor(nn.Module):
         elif self.end_hidden is not None:
             end_src = g.fully_connected("end_hidden", first, self.end_hidden.weight.detach().numpy(),
                                         self.end_hidden.bias.detach().numpy(), "relu")
-        out0 = g.binary("add", "output0", fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
+        out0 = g.binary("add", "output0" if not self.mix_spans else "output_ls",
+                        fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
+        if self.mix_spans:
+            k = len(self.mix_spans)
+            vm = g.binary("div", "mix_velocity", fc("mix_step", g.flat),
+                          g.binary("maximum", "mix_gap_floor", fc("mix_gap", g.flat),
+                                   full("mix_min_gap", MIN_GAP_MS, 2 * k)))
+            e = fc("mix_e", g.concatenation("mix_input", [vm, v_ls]))
+            # The gate's rows repeated for x and y, so that its output lines up with e.
+            gw = self.gate.weight.detach().numpy().reshape(self.p, 1, k, -1).repeat(2, axis=1).reshape(self.p * 2 * k, -1)
+            gb = self.gate.bias.detach().numpy().reshape(self.p, 1, k).repeat(2, axis=1).reshape(-1)
+            gate = g.fully_connected("mix_gate", h, gw, gb)
+            out0 = g.binary("add", "output0", out0, fc("mix_sum", g.binary("mul", "mix_terms", e, gate)))
         out1 = g.fully_connected("output1", end_src, self.end.weight.detach().numpy(), self.end.bias.detach().numpy())
         g.write(path, [out0, out1])
         ops = {"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"}

@@ -52,6 +52,7 @@ SETTINGS = {
     "linear_skip": True,   # a linear path from the MLP inputs to the correction
     "time_windows": [],    # ms: weighted least-squares velocities over these stretches of stroke
     "roughness": False,    # the MLP also sees how much the velocity changes from step to step
+    "mix_spans": [],       # rows: velocities over these last spans, weighed per horizon by the MLP
     "stroke_relative": 0.0,  # share of the loss weight that is relative to each stroke's baseline error
     "end_layers": [32, 16],  # widths of a stroke-end branch of its own (empty: a layer on the shared one)
     "end_hidden": 32,      # hidden width of the stroke-end head (0: read the last shared layer)
@@ -128,7 +129,7 @@ def new_model(s):
     return ResidualPredictor(s["num_historical_points"], s["hidden"], NUM_PREDICTIONS, DELTA_MS,
                              [s["ranges"][f] for f in FEATURES], s["mask_positions"],
                              s["linear_skip"], s["end_hidden"], s.get("time_windows", []),
-                             s.get("end_layers", []), s.get("roughness", False))
+                             s.get("end_layers", []), s.get("roughness", False), s.get("mix_spans", []))
 
 
 def train_model(s, ds, log=print):
@@ -138,9 +139,9 @@ def train_model(s, ds, log=print):
     # The fixed part has no weights to learn: run it once over the data.
     with torch.no_grad():
         fixed = [model.features(torch.from_numpy(ds.x[i:i + 65536])) for i in range(0, len(ds), 65536)]
-        z, base, speed_h = (torch.cat([f[j] for f in fixed]) for j in range(3))
+        feats = [torch.cat([f[j] for f in fixed]) for j in range(len(fixed[0]))]
         del fixed
-        model.set_standardisation(z[::max(1, len(ds) // 50000)])
+        model.set_standardisation(feats[0][::max(1, len(ds) // 50000)])
     y = torch.from_numpy(ds.disp)
     valid = torch.from_numpy(ds.valid.astype(np.float32))
     end = torch.from_numpy(ds.end)
@@ -157,7 +158,7 @@ def train_model(s, ds, log=print):
         total = 0.0
         for i in range(0, len(ds), s["batch"]):
             idx = perm[i:i + s["batch"]]
-            d, e = model.head(z[idx], base[idx], speed_h[idx])
+            d, e = model.head(*(f[idx] for f in feats))
             err = torch.sqrt(((d.view(-1, NUM_PREDICTIONS, 2) - y[idx]) ** 2).sum(2) + 1e-8)
             v = valid[idx]
             loss = ((err * v * weight[idx]).sum(0) / v.sum(0).clamp(min=1)).sum() + s["end_weight"] * bce(e, end[idx])
@@ -316,6 +317,13 @@ CANDIDATES = {
     "grid 0.5 roughness": {"quantize_share": 0.5, "roughness": True},
     "grid 0.5 roughness regular 0.3": {"quantize_share": 0.5, "roughness": True, "regular_share": 0.3},
     "grid 0.5 roughness 16 epochs": {"quantize_share": 0.5, "roughness": True, "epochs": 16},
+    "grid 0.5 roughness 16 epochs regular 0.3": {"quantize_share": 0.5, "roughness": True, "epochs": 16,
+                                                 "regular_share": 0.3},
+    "grid 0.5 roughness 24 epochs 96-96": {"quantize_share": 0.5, "roughness": True, "epochs": 24, "hidden": [96, 96]},
+    "grid 0.5 roughness 16 epochs mix": {"quantize_share": 0.5, "roughness": True, "epochs": 16,
+                                         "mix_spans": [1, 4, 8]},
+    "grid 0.5 roughness 24 epochs 96-96 mix": {"quantize_share": 0.5, "roughness": True, "epochs": 24,
+                                               "hidden": [96, 96], "mix_spans": [1, 4, 8]},
     "grid 0.5 roughness relative 0.5": {"quantize_share": 0.5, "roughness": True, "stroke_relative": 0.5},
     "grid 0.5 roughness relative 1": {"quantize_share": 0.5, "roughness": True, "stroke_relative": 1.0},
 }
@@ -520,6 +528,17 @@ def write_model_card(path, model, s, report_text, train_s, operators, selection)
                   if s.get("end_layers") else
                   "The stroke-end logits come from a layer of %d on the first hidden layer." % s["end_hidden"]),
         selection=selection, native=s["native_copies"], keep=s["keep"], reg=s["regular_share"],
+        rough_text=(", and how much the velocity changes from step to step: the mean absolute change of the "
+                    "x and y velocities over the last three steps and over the whole history, divided by S "
+                    "(a digitiser's grid or jitter shows as changes of the order of the speed itself)"
+                    if s.get("roughness") else ""),
+        grid_text=(("; on %g of the strokes the positions are then rounded to a grid of %g-%g mm (log-uniform), "
+                    "as a host reporting whole pixels or a coarse digitiser delivers them, the targets staying "
+                    "the pen's unrounded positions") % (s["quantize_share"], s["grid_mm"][0], s["grid_mm"][1])
+                   if s.get("quantize_share") else ""),
+        relative_text=((" (for a share of %g of the weight: divided by that mean within the point's own stroke, "
+                        "floored at %g mm, so that slow and smooth strokes count as much as fast ones)")
+                       % (s["stroke_relative"], STROKE_ERR_FLOOR_MM) if s.get("stroke_relative") else ""),
         rotation=(", rotated by a random angle and mirrored with probability one half" if s["rotate"]
                   else " (rotation and mirroring were tried and did not help on validation)"))
     with open(path, "w") as f:
@@ -607,7 +626,7 @@ A correction to least-squares velocity, computed inside the network:
 2. Learned part: an MLP ({mlp_in} inputs -> {hidden}) sees the row velocities and the
    least-squares velocity divided by S (writing size drops out of these), a bounded speed
    S / (S + 0.05 mm/ms), and the rows themselves (time gaps, steps, {pressure_row}, tilt and
-   orientation differences). A linear path from the same inputs is added to the correction (so
+   orientation differences){rough_text}. A linear path from the same inputs is added to the correction (so
    other velocity estimates, such as the last step's, are exactly expressible). {end_text}
 3. Output 0 = least-squares velocity x horizon + correction x S x horizon (MUL, ADD): an output
    of zero means "do what least-squares velocity does". Output 1 = the stroke-end logits.
@@ -627,7 +646,8 @@ Feature ranges (`feature_*_min`, `feature_*_max`):
 ## How the settings were chosen
 
 Only on the held-out validation writers ({val}), each resampled as in training to
-{rates} Hz (own = as recorded) and cut into batches of {batches} samples the way `stylus-replay` sends
+{rates} Hz (own = as recorded; "px": positions also rounded to whole pixels, as a host
+reporting integer pixels sends them) and cut into batches of {batches} samples the way `stylus-replay` sends
 them (a batch starts at the pen-down, a pen-up closes one and carries only the boundary; the
 library predicts from each batch's newest sample). A candidate is scored by the worst and the
 mean ratio of its mean error (drops charged) to the better of the two baselines, over every
@@ -669,12 +689,12 @@ is GPL-3.0; get a legal opinion before shipping a model trained on them.
 Every training recording is used at its own rate ({native} times) and in {copies} augmented copies:
 each stroke resampled at a random rate ({r0:g}-{r1:g} Hz log-uniform, or with probability {reg:g} a whole-ms
 period; positions by cubic Hermite interpolation, pressure, tilt and orientation linearly; timestamps rounded
-to ms) and scaled by a random writing size ({z0:g}-{z1:g}x), log-uniform{rotation}; {keep:g} of
+to ms) and scaled by a random writing size ({z0:g}-{z1:g}x), log-uniform{rotation}{grid_text}; {keep:g} of
 an augmented copy's points are kept (neighbours at fast rates say nearly the same). Training points are every point where the library predicts
 (padded histories at stroke start included). Targets are the pen positions at t + {delta} k ms by
 linear interpolation inside the stroke; points past the pen-up sample are stroke-end positives
 and carry no displacement loss. Loss: per-horizon mean Euclidean error divided by the better
-baseline's mean error at that horizon, plus binary cross-entropy of the stroke-end logits. Adam,
+baseline's mean error at that horizon{relative_text}, plus binary cross-entropy of the stroke-end logits. Adam,
 one-cycle schedule, {epochs} epochs, batch {batch}, max lr {lr}, seed {seed}, one thread,
 deterministic algorithms. Last training run: {train_min:.1f} minutes.
 
