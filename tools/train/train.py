@@ -36,7 +36,7 @@ VALIDATION = ("wacom_mspro13_writer03.csv", "openhandwrite_eyepen_1.csv",
 SETTINGS = {
     "num_historical_points": 16,
     "min_num_historical_points": 3,
-    "hidden": [64, 64],
+    "hidden": [96, 96],
     "ranges": {  # (min, max) of each row feature: gap ms, step mm, differences
         "timestamp": (0.0, 20.0), "xpos": (-2.0, 2.0), "ypos": (-2.0, 2.0),
         "pressure": (0.0, 1.0), "tilt": (-0.05, 0.05), "orientation": (-0.1, 0.1)},
@@ -47,12 +47,12 @@ SETTINGS = {
     "regular_share": 0.0,  # share of augmented strokes at a whole-ms period instead (0.3 tried)
     "sizes": (0.3, 6.0),   # writing size factor, log-uniform per stroke
     "rotate": False,       # random rotation and mirroring per stroke
-    "quantize_share": 0.0,  # share of augmented strokes whose positions are rounded to a grid
+    "quantize_share": 0.5,  # share of augmented strokes whose positions are rounded to a grid
     "grid_mm": (0.02, 0.25),  # that grid's spacing, log-uniform per stroke
     "linear_skip": True,   # a linear path from the MLP inputs to the correction
     "time_windows": [],    # ms: weighted least-squares velocities over these stretches of stroke
-    "roughness": False,    # the MLP also sees how much the velocity changes from step to step
-    "mix_spans": [],       # rows: velocities over these last spans, weighed per horizon by the MLP
+    "roughness": True,     # the MLP also sees how much the velocity changes from step to step
+    "mix_spans": [1, 4, 8],  # rows: velocities over these last spans, weighed per horizon by the MLP
     "stroke_relative": 0.0,  # share of the loss weight that is relative to each stroke's baseline error
     "end_layers": [32, 16],  # widths of a stroke-end branch of its own (empty: a layer on the shared one)
     "end_hidden": 32,      # hidden width of the stroke-end head (0: read the last shared layer)
@@ -61,7 +61,7 @@ SETTINGS = {
     "end_weight": 2.0,     # weight of the stroke-end loss
     "max_in_stroke_drops": 0.001,  # threshold choice: share of in-stroke points dropped
     "stroke_end_thres": None,       # chosen on validation after training
-    "epochs": 8,
+    "epochs": 24,
     "batch": 1024,
     "lr": 3e-3,
     "seed": 1234,
@@ -324,6 +324,7 @@ CANDIDATES = {
                                          "mix_spans": [1, 4, 8]},
     "grid 0.5 roughness 24 epochs 96-96 mix": {"quantize_share": 0.5, "roughness": True, "epochs": 24,
                                                "hidden": [96, 96], "mix_spans": [1, 4, 8]},
+    "seed 99": {"seed": 99},
     "grid 0.5 roughness relative 0.5": {"quantize_share": 0.5, "roughness": True, "stroke_relative": 0.5},
     "grid 0.5 roughness relative 1": {"quantize_share": 0.5, "roughness": True, "stroke_relative": 1.0},
 }
@@ -427,10 +428,12 @@ def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=No
     ref_d, ref_e = torch_predictor(copy.deepcopy(model).double())(probe.astype(np.float64))
     out0, out1 = tflite_forward(tfl_path, probe)
     f32_d, _ = torch_predictor(model)(probe)
-    gap = max(np.abs(out0.reshape(ref_d.shape) - ref_d).max(), np.abs(out1 - ref_e).max())
-    print("max abs difference to float64: tflite %.3g, torch float32 %.3g (outputs up to %.3g)" % (
-        gap, np.abs(f32_d - ref_d).max(), np.abs(ref_d).max()))
-    if gap > 1e-4:  # mm; 0.1 um, far below anything a screen shows
+    gap = np.abs(out0.reshape(ref_d.shape) - ref_d).max()
+    # Logits run into the hundreds far from a stroke's end: compared relative to their size.
+    logit_gap = (np.abs(out1 - ref_e) / np.maximum(np.abs(ref_e), 1.0)).max()
+    print("max abs difference to float64: tflite %.3g, torch float32 %.3g (outputs up to %.3g); "
+          "stroke-end logits relative %.3g" % (gap, np.abs(f32_d - ref_d).max(), np.abs(ref_d).max(), logit_gap))
+    if gap > 1e-4 or logit_gap > 1e-4:  # mm; 0.1 um, far below anything a screen shows
         raise SystemExit("exported model does not match the trained network")
     predict = evaluate.tflite_predictor(tfl_path, NUM_PREDICTIONS)
     val = [f for f in file_list("train") if os.path.basename(f) in VALIDATION]
