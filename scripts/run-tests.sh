@@ -8,7 +8,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
-scripts/install-deps.sh
+# python3-torch: the tests of the training code's network and its export.
+scripts/install-deps.sh python3-torch
 
 jobs=${JOBS:-$(nproc)}
 configs=("$@")

@@ -46,3 +46,8 @@ add_test(NAME CardTablesFromReplaySummaries
 # Resampled training and validation strokes: smooth positions, bounded pressure, library-like tags.
 add_test(NAME TrainingStrokeResampling
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_resample.py)
+
+# The training code's network: its .tflite export computes what it computes, and its constant
+# layers compute least-squares, constant and longer-span velocities and the velocity roughness.
+add_test(NAME TrainingNetworkAndExport
+  COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_model_export.py)

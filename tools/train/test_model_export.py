@@ -1,0 +1,124 @@
+#!/usr/bin/python3
+"""The predictor network's fixed parts and its .tflite export: the exported file computes what the
+network computes, and the constant layers compute the velocities they are named after."""
+import copy
+import os
+import sys
+import tempfile
+import unittest
+
+import numpy as np
+import torch
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import train  # noqa: E402
+from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording  # noqa: E402
+from model import tflite_forward  # noqa: E402
+from targets import build  # noqa: E402
+
+SETTINGS = dict(copy.deepcopy(train.SETTINGS), num_historical_points=10, hidden=[24, 16],
+                end_layers=[8, 4], roughness=True, mix_spans=[1, 4, 8])
+
+
+def curved_stroke(gaps):
+    """One stroke along a curve at uneven sample gaps (ms); positions in pixels."""
+    t = np.concatenate([[0], np.cumsum(gaps)])
+    x = 300.0 + 2.0 * t + 0.01 * t ** 2
+    y = 200.0 + 30.0 * np.sin(t / 40.0)
+    tag = np.full(len(t), 2)
+    tag[0], tag[-1] = PEN_DOWN, PEN_UP
+    # Tilt and orientation move a little, as a real pen's do (a constant column would get an
+    # extreme standardisation scale).
+    return Recording(t, x, y, np.linspace(0.2, 0.9, len(t)), 0.3 + 0.01 * np.sin(t / 7.0),
+                     1.0 + 0.02 * np.cos(t / 9.0), tag)
+
+
+def dataset(s, rec):
+    cfg = FeatureConfig(train.model_section(s))
+    return cfg, build(rec, cfg)
+
+
+class ExportTest(unittest.TestCase):
+    def test_the_file_computes_what_the_network_computes(self):
+        torch.manual_seed(3)
+        model = train.new_model(SETTINGS)
+        # The layers keep their initial weights; the heads that start at zero get some of their own.
+        for head in (model.corr, model.skip, model.gate):
+            torch.nn.init.normal_(head.weight, std=0.05)
+        _, ds = dataset(SETTINGS, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
+        model.set_standardisation(model.features(torch.from_numpy(ds.x))[0])
+        model.eval()
+        # Against the network in float64: the file, like the library, computes in float32.
+        with torch.no_grad():
+            disp, logit = copy.deepcopy(model).double()(torch.from_numpy(ds.x.astype(np.float64)))
+        with tempfile.TemporaryDirectory() as tmp:
+            path = os.path.join(tmp, "m.tflite")
+            ops = model.export(path)
+            out0, out1 = tflite_forward(path, ds.x)
+        self.assertNotIn("TANH", ops)
+        scale = max(1.0, float(disp.abs().max()))
+        np.testing.assert_allclose(out0, disp.numpy(), atol=1e-5 * scale)
+        np.testing.assert_allclose(out1, logit.numpy(), atol=1e-5 * max(1.0, float(logit.abs().max())))
+        self.assertGreater(float(disp.abs().max()), 1.0)
+
+
+class FixedPartTest(unittest.TestCase):
+    def setUp(self):
+        self.rec = curved_stroke(np.tile([2, 3, 2, 5, 8], 30))
+        self.cfg, self.ds = dataset(SETTINGS, self.rec)
+        self.model = train.new_model(SETTINGS)
+        self.model.eval()
+
+    def run_gate(self, span_index):
+        """Displacements with every horizon's weight on one span and nothing else learned."""
+        with torch.no_grad():
+            bias = torch.zeros(self.model.p, len(SETTINGS["mix_spans"]))
+            bias[:, span_index] = 1.0
+            self.model.gate.bias.copy_(bias.reshape(-1))
+            d, _ = self.model(torch.from_numpy(self.ds.x))
+        return d.numpy().reshape(-1, self.model.p, 2)
+
+    def test_all_weights_zero_is_least_squares_velocity(self):
+        with torch.no_grad():
+            d, _ = self.model(torch.from_numpy(self.ds.x))
+        np.testing.assert_allclose(d.numpy().reshape(self.ds.ls3.shape), self.ds.ls3, atol=2e-4)
+
+    def test_a_span_of_one_row_is_constant_velocity(self):
+        np.testing.assert_allclose(self.run_gate(0), self.ds.cv, atol=2e-4)
+
+    def test_a_longer_span_is_its_steps_over_its_gaps(self):
+        # Where the history holds four real rows: the newest sample against the one four before.
+        full = self.ds.pos >= 5
+        idx = (self.ds.stroke + self.ds.pos)[full]  # one stroke, starting at sample 0
+        horizons = self.cfg.prediction_time_delta_ms * np.arange(1, self.model.p + 1)
+        got = self.run_gate(1)[full]
+        for axis, v in ((0, self.rec.x), (1, self.rec.y)):
+            v = v.astype(np.float64)
+            velocity = (v[idx] - v[idx - 4]) / (self.rec.t[idx] - self.rec.t[idx - 4]) * float(self.cfg.mm_per_pixel)
+            np.testing.assert_allclose(got[:, :, axis], velocity[:, None] * horizons[None, :], atol=2e-4)
+        self.assertGreater(full.sum(), 100)
+
+    def test_roughness_is_zero_on_a_steady_pen_and_grows_with_a_jittery_one(self):
+        steady = curved_stroke(np.full(60, 4))
+        line = Recording(steady.t, 100.0 + 3.0 * steady.t, 50.0 + 1.0 * steady.t, steady.pressure,
+                         steady.tilt, steady.orientation, steady.tag)
+        jitter = Recording(line.t, line.x + np.where(np.arange(len(line.t)) % 2, 1.5, 0.0), line.y,
+                           line.pressure, line.tilt, line.orientation, line.tag)
+        rough = []
+        for rec in (line, jitter):
+            _, ds = dataset(SETTINGS, rec)
+            with torch.no_grad():
+                z = self.model.features(torch.from_numpy(ds.x))[0].numpy()
+            rough.append(z[-1, self.model.mlp_in - 4:self.model.mlp_in])
+        np.testing.assert_allclose(rough[0], 0.0, atol=1e-5)
+        # x steps alternate 3 * 4 + 1.5 and 3 * 4 - 1.5 px: every change of the x velocity is
+        # 3 px / 4 ms, against a mean L1 speed of (3 + 1) px / ms (plus the speed floor).
+        mm = float(self.cfg.mm_per_pixel)
+        expect = 0.75 * mm / (4.0 * mm + 1e-3)
+        self.assertAlmostEqual(float(rough[1][0]), expect, places=5)
+        self.assertAlmostEqual(float(rough[1][2]), expect, places=5)
+        np.testing.assert_allclose(rough[1][[1, 3]], 0.0, atol=1e-5)
+
+
+if __name__ == "__main__":
+    unittest.main()
