@@ -14,7 +14,7 @@ import sys
 import tempfile
 
 import card_tables
-from features import Recording, at_rate, rate_label
+from features import Recording, at_rate, parse_rates, rate_label
 from train import VAL_BATCHES, VAL_RATES, VALIDATION, file_list
 
 HEADER = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n"
@@ -33,8 +33,8 @@ def recordings_at(rate, sources, out_dir):
     for src in sources:
         rec = Recording.load(src)
         name = os.path.splitext(os.path.basename(src))[0]
-        rec = at_rate(rec, rate if rate == "own" or rate.endswith("px") else float(rate))
-        path = os.path.join(out_dir, "%s_%s.csv" % (name, rate if rate == "own" else "%shz" % rate))
+        rec = at_rate(rec, parse_rates(rate)[0])
+        path = os.path.join(out_dir, "%s_%s.csv" % (name, rate_label(rate).replace(" ", "_")))
         write_csv(path, rec)
         paths.append(path)
     return paths
