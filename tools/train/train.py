@@ -407,7 +407,7 @@ def main():
     model = train_model(s, tr)
     cfg, sets = validation_sets(s)
     s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
-    print("stroke-end threshold %.2f" % s["stroke_end_thres"], flush=True)
+    print("stroke-end threshold %g" % s["stroke_end_thres"], flush=True)
     train_s = time.time() - t0
     os.makedirs(args.out, exist_ok=True)
     cfg_path = os.path.join(args.out, "stylus_predictor.json")
