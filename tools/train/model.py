@@ -31,9 +31,13 @@ class ResidualPredictor(nn.Module):
     Fixed part (constant weights, exported as such): sample gaps and steps are recovered from
     the normalised rows, giving per-row velocities, the least-squares velocity of the last three
     samples (the baseline) and a speed scale S (mean L1 speed over the history). The MLP sees the
-    velocities divided by S (writing size drops out), the rows without their x/y steps, and a
-    bounded speed; its displacement output is a correction in units of S * horizon added to the
-    baseline, so an output of zero means "do what least-squares velocity does".
+    velocities divided by S (writing size drops out), the rows (without their x/y steps when
+    `mask_positions`), a bounded speed and, with `roughness`, the mean absolute change of velocity
+    from step to step over S (a grid or jitter shows as changes of the order of the speed itself).
+    Its displacement output is a correction in units of S * horizon added to the baseline, so an
+    output of zero means "do what least-squares velocity does"; with `mix_spans` the last hidden
+    layer also weighs, per horizon, the velocities over the last m rows against the baseline, so
+    that a smooth, regular pen can take its newest step outright and a coarse one a longer span.
     """
 
     def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,

@@ -15,9 +15,9 @@ from features import PEN_DOWN, PEN_UP, recording_histories
 class Dataset:
     """Arrays of one or more recordings, aligned on prediction points."""
 
-    FIELDS = ("x", "disp", "valid", "end", "cv", "ls3", "dt_last", "pos", "up", "stroke")
+    FIELDS = ("x", "disp", "valid", "end", "cv", "ls3", "dt_last", "pos", "up", "stroke", "group")
 
-    def __init__(self, x, disp, valid, end, cv, ls3, dt_last, pos, up, stroke):
+    def __init__(self, x, disp, valid, end, cv, ls3, dt_last, pos, up, stroke, group=None):
         self.x = x            # float32 [K, N, 6] model input rows
         self.disp = disp      # float32 [K, P, 2] true displacement, mm
         self.valid = valid    # bool [K, P] displacement target exists
@@ -28,6 +28,8 @@ class Dataset:
         self.pos = pos        # int64 [K] index of the newest sample in its stroke (pen-down = 0)
         self.up = up          # int64 [K] index of the stroke's pen-up sample in the stroke
         self.stroke = stroke  # int64 [K] the stroke's pen-down sample in its recording (an id)
+        # int64 [K] training group (source, grid, rate band) whose losses the training balances
+        self.group = np.zeros(len(x), np.int64) if group is None else group
 
     def __len__(self):
         return len(self.x)

@@ -120,5 +120,37 @@ class FixedPartTest(unittest.TestCase):
         np.testing.assert_allclose(rough[1][[1, 3]], 0.0, atol=1e-5)
 
 
+class GroupPushTest(unittest.TestCase):
+    """A group that loses to the baseline gains loss weight, each horizon's mean weight stays."""
+
+    def test_a_losing_group_gains_weight_and_small_groups_are_left_alone(self):
+        from types import SimpleNamespace
+        n, p = 1000, train.NUM_PREDICTIONS
+        group = np.repeat([0, 1, 2], [500, 450, 50])  # group 2 is too small to judge
+        rng = np.random.default_rng(1)
+        disp = rng.normal(size=(n, p, 2)).astype(np.float32)
+        valid = np.ones((n, p), bool)
+        valid[::7, p - 1] = False
+        base_err = np.full((n, p), 0.1)
+        miss = np.where(group == 0, 0.05, 0.2)  # group 0 wins (ratio 0.5), groups 1 and 2 lose (2.0)
+        pred = disp.copy()
+        pred[:, :, 0] += miss[:, None]
+        ds = SimpleNamespace(group=group, valid=valid, disp=disp)
+        base = np.tile(np.linspace(1.0, 2.0, p, dtype=np.float32), (n, 1))
+        push = train.GroupPush(ds, base_err, torch.from_numpy(base))
+        model = SimpleNamespace(head=lambda idx: (torch.from_numpy(pred[idx.numpy()].reshape(len(idx), -1)), None))
+        w = push.update(model, [torch.arange(n)], 1.0, lambda _: None).numpy()
+        for h in range(p):
+            v = valid[:, h]
+            self.assertAlmostEqual(float(w[v, h].mean()), float(base[v, h].mean()), places=4)
+            ratio = w[:, h] / base[:, h]
+            # exp(1.0 * (2.0 - 0.95)) against 1 (winning groups are not pushed below their weight)
+            self.assertAlmostEqual(float(ratio[group == 1][0] / ratio[group == 0][0]), np.exp(1.05), places=4)
+            self.assertAlmostEqual(float(ratio[group == 2][0]), float(ratio[group == 0][0]), places=6)
+        for _ in range(10):  # repeated losses stop at the cap
+            push.update(model, [torch.arange(n)], 1.0, lambda _: None)
+        self.assertEqual(push.mult.max(), train.GroupPush.CAP)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -54,6 +54,7 @@ SETTINGS = {
     "roughness": True,     # the MLP also sees how much the velocity changes from step to step
     "mix_spans": [1, 4, 8],  # rows: velocities over these last spans, weighed per horizon by the MLP
     "stroke_relative": 0.0,  # share of the loss weight that is relative to each stroke's baseline error
+    "group_push": 0.0,     # per epoch, raise the loss weight of training groups near or over the better baseline
     "end_layers": [32, 16],  # widths of a stroke-end branch of its own (empty: a layer on the shared one)
     "end_hidden": 32,      # hidden width of the stroke-end head (0: read the last shared layer)
     "mask_positions": False,  # the MLP sees velocities relative to the speed scale, not the raw steps
@@ -152,8 +153,11 @@ def train_model(s, ds, log=print):
     sched = torch.optim.lr_scheduler.OneCycleLR(opt, max_lr=s["lr"], total_steps=steps, pct_start=0.1)
     gen = torch.Generator().manual_seed(s["seed"])
     bce = torch.nn.BCEWithLogitsLoss(reduction="mean")
+    push = GroupPush(ds, base_err, weight) if s.get("group_push", 0) > 0 else None
     for epoch in range(s["epochs"]):
         t0 = time.time()
+        if push is not None and epoch > 0:
+            weight = push.update(model, feats, s["group_push"], log)
         perm = torch.randperm(len(ds), generator=gen)
         total = 0.0
         for i in range(0, len(ds), s["batch"]):
@@ -170,6 +174,49 @@ def train_model(s, ds, log=print):
         log("  epoch %2d loss %.4f (%.0f s)" % (epoch + 1, total / len(ds), time.time() - t0))
     model.eval()
     return model
+
+
+class GroupPush:
+    """Raises, epoch by epoch, the loss weight of the training groups (source recording and copy,
+    grid rounding, rate band) where the network comes near or over the better baseline at a
+    horizon: a mean over all points lets a few coarse, rare conditions lose while the pooled error
+    falls. The weight of each horizon keeps its mean, so the other groups give up a little."""
+
+    MARGIN = 0.95     # ratio to the better baseline from which a group is pushed
+    CAP = 16.0        # largest multiplier of a group's weight
+    MIN_POINTS = 200  # smaller groups give too noisy a ratio to act on
+
+    def __init__(self, ds, base_err, weight):
+        self.group = np.unique(ds.group, return_inverse=True)[1]
+        self.valid = ds.valid
+        self.disp = torch.from_numpy(ds.disp)
+        self.base_err = base_err
+        self.base = weight.numpy().copy()
+        self.mult = np.ones((self.group.max() + 1, base_err.shape[1]))
+
+    def update(self, model, feats, step, log):
+        with torch.no_grad():
+            err = []
+            for i in range(0, len(self.group), 65536):
+                d, _ = model.head(*(f[i:i + 65536] for f in feats))
+                err.append(torch.linalg.norm(d.view(-1, NUM_PREDICTIONS, 2) - self.disp[i:i + 65536], dim=2).numpy())
+            err = np.concatenate(err)
+        n_groups = self.mult.shape[0]
+        out = np.zeros_like(self.base)
+        worst = 0.0
+        for h in range(self.mult.shape[1]):
+            v = self.valid[:, h]
+            count = np.bincount(self.group[v], minlength=n_groups)
+            model_sum = np.bincount(self.group[v], err[v, h], minlength=n_groups)
+            base_sum = np.bincount(self.group[v], self.base_err[v, h], minlength=n_groups)
+            ratio = model_sum / np.maximum(base_sum, 1e-9)
+            act = count >= self.MIN_POINTS
+            worst = max(worst, ratio[act].max(initial=0.0))
+            self.mult[act, h] = np.clip(self.mult[act, h] * np.exp(step * (ratio[act] - self.MARGIN)), 1.0, self.CAP)
+            m = self.mult[self.group, h]
+            out[:, h] = self.base[:, h] * m / m[v].mean()
+        log("  group push: worst group ratio %.3f, largest weight %.2f" % (worst, self.mult.max()))
+        return torch.from_numpy(out.astype(np.float32))
 
 
 def point_weights(ds, base_err, relative):
@@ -232,6 +279,20 @@ def augment(rec, rng, s):
     return reported, smooth
 
 
+def training_groups(ds, source, rounded):
+    """Group id per point: the source (recording, native or augmented), whether its stroke was
+    rounded to a grid (`rounded`: per sample of the recording, None for none) and the rate band of
+    its last gap in half octaves."""
+    grid = np.zeros(len(ds), np.int64)
+    if rounded is not None:
+        # A stroke counts as rounded when any sample the library predicts from moved.
+        stroke_rounded = np.zeros(len(rounded), bool)
+        np.logical_or.at(stroke_rounded, ds.stroke, rounded[ds.stroke + ds.pos])
+        grid = stroke_rounded[ds.stroke].astype(np.int64)
+    band = np.clip(np.floor(2 * np.log2(np.maximum(ds.dt_last, 0.5))), 0, 9).astype(np.int64)
+    return (source * 2 + grid) * 10 + band
+
+
 def training_set(s):
     """Training writers at their own rate plus augmented copies (random rate, writing size,
     rotation and mirroring per stroke): several sources' units are uncertain, device rates
@@ -243,11 +304,13 @@ def training_set(s):
             continue
         rec = Recording.load(f)
         native = build(rec, cfg)
+        native.group = training_groups(native, 2 * i, None)
         parts += [native.renumbered(len(parts) + k) for k in range(s["native_copies"])]
         rng = np.random.default_rng(s["seed"] + i)
         for _ in range(s["copies"]):
             reported, smooth = augment(rec, rng, s)
             aug = build(reported, cfg, truth=smooth)
+            aug.group = training_groups(aug, 2 * i + 1, (reported.x != smooth.x) | (reported.y != smooth.y))
             # Neighbouring points of fast-sampled copies say nearly the same: keep a share.
             parts.append(aug.subset(rng.uniform(size=len(aug)) < s["keep"]).renumbered(len(parts)))
     ds = Dataset.concat(parts)
@@ -329,6 +392,11 @@ CANDIDATES.update({name: dict(PREVIOUS, **extra) for name, extra in {
     "grid 0.5 roughness 16 epochs mix": {"quantize_share": 0.5, "roughness": True, "epochs": 16,
                                          "mix_spans": [1, 4, 8]},
 }.items()})
+# Pushing the groups that lose, from the settings shipped when it was tried.
+CANDIDATES.update({
+    "group push 3": {"group_push": 3.0},
+    "group push 8": {"group_push": 8.0},
+})
 
 
 def select(base, names):
@@ -621,13 +689,21 @@ layers unless said), worst ratio and losing cells over all cells / over the cell
 | roughness, 16 epochs, weighted velocities over the last 1, 4 and 8 rows | 1.460 / 1.063 | 32 / 12 | 0.2463 | 23.6 % |
 {final_row}
 | the shipped settings, seed 99 (run-to-run spread) | 1.090 / 1.088 | 23 / 11 | 0.2434 | 24.0 % |
+| the shipped settings, loss weight of losing training groups raised by exp(3 (ratio - 0.95)) per epoch | 1.303 / 1.060 | 29 / 9 | 0.2498 | 26.4 % |
+| the same, exp(8 (ratio - 0.95)) | 1.434 / 1.067 | 28 / 8 | 0.2472 | 26.4 % |
 
 Shipped: the grid augmentation on half the augmented strokes, the roughness input, per-horizon
 weights of the velocities over the last 1, 4 and 8 rows, 96-96 layers and 24 epochs: the fewest
 losing cells at 100-600 Hz and the lowest pooled error. The weighted velocities removed the 500 Hz
 losses (the network can take the last step's velocity outright on a smooth, regular pen), and the
 wider layers trained longer took the rest down to 8 cells: the browser document upsampled to 240 Hz
-and rounded to whole pixels, at 4 ms (up to 7 %) and 8 ms (up to 3 %); with another seed 11 cells, up to 9 %. The candidates lose
+and rounded to whole pixels, at 4 ms (up to 7 %) and 8 ms (up to 3 %); with another seed 11 cells, up to 9 %.
+The same cells are lost on the training documents of that browser source (three of four, by up to 7 % at 4 and 8 ms
+at 240 Hz whole px): the network does not fit them, so it is not a gap between training and validation
+writers. Raising, epoch by epoch, the loss weight of the training groups (source and copy, grid
+rounding, rate band in half octaves) where the network comes near or over the better baseline
+(`group_push`, multipliers capped at 16) brought those cells to 6 % but did not remove them, and
+cost pooled accuracy. The candidates lose
 the 20 cells of that browser document at its own rate (about 21 Hz, below the range), the shipped
 one by up to 56 % at 4 ms; the other seed loses 12 of them by up to 9 %: that document swings with
 the seed. A recording sampled that slowly, in pairs of events 4 and 46 ms apart, is not what the
