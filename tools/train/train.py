@@ -69,7 +69,9 @@ SETTINGS = {
     "seed": 1234,
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
-PIXEL_MM = 25.4 / 213  # one pixel of the shipped configuration
+# The recordings' and the shipped configuration's screen.
+MM_PER_INCH, PIXEL_PER_INCH = 25.4, 213
+PIXEL_MM = MM_PER_INCH / PIXEL_PER_INCH
 # A stroke's baseline error below this (mm) is treated as this, so that near-still strokes do not
 # take over the loss.
 STROKE_ERR_FLOOR_MM = 0.01
@@ -86,8 +88,8 @@ def model_section(s):
            "prediction_time_delta_ms": DELTA_MS,
            "num_historical_points": s["num_historical_points"],
            "min_num_historical_points": s["min_num_historical_points"],
-           "mm_per_inch": 25.4,
-           "pixel_per_inch": 213}
+           "mm_per_inch": MM_PER_INCH,
+           "pixel_per_inch": PIXEL_PER_INCH}
     for f in ("timestamp", "xpos", "ypos", "tilt", "orientation", "pressure"):
         lo, hi = s["ranges"][f]
         sec["feature_%s_max" % f] = hi
@@ -276,7 +278,7 @@ def augment(rec, rng, s):
         return smooth, smooth
     # A host may report whole screen pixels, a digitiser its own grid: at fast rates the steps are
     # then a few grid units and the newest step is a poor velocity.
-    grid = np.exp(rng.uniform(np.log(s["grid_mm"][0]), np.log(s["grid_mm"][1]), n)) * 213.0 / 25.4
+    grid = np.exp(rng.uniform(np.log(s["grid_mm"][0]), np.log(s["grid_mm"][1]), n)) * PIXEL_PER_INCH / MM_PER_INCH
     reported = quantize(smooth, np.where(rng.uniform(size=n) < s["quantize_share"], grid, 0.0))
     return reported, smooth
 
