@@ -305,7 +305,7 @@ class ResidualPredictor(nn.Module):
         learned = sum(p.numel() for p in self.parameters())
         return learned, fixed
 
-    def export(self, path):
+    def export(self, path, members=None):
         from tflite_writer import GraphBuilder
         g = GraphBuilder(self.n, 6)
 
@@ -336,11 +336,59 @@ class ResidualPredictor(nn.Module):
                            g.binary("mul", "neg_velocity_change", dv, full("minus_one_change", -1.0, width)))
             parts.append(g.binary("div", "roughness_rel", fc("rough_mean", adv), fc("speed4", absv)))
         z = g.concatenation("mlp_input", parts)
+        end_in = g.concatenation("end_input", [z, fc("row_speed", absv)]) if self.end_layers else None
+        members = members or [self]
+        hs, firsts, ends, skips = [], [], [], []
+        for j, m in enumerate(members):
+            h, first, end_src, skip = m._export_learned(g, z, end_in, "m%d_" % j if len(members) > 1 else "")
+            hs.append(h)
+            firsts.append(first)
+            ends.append(end_src)
+            skips.append(skip)
+        k = len(members)
+        # Members are averaged in their last, linear layers: one layer over their concatenated
+        # hidden units, each member's weights divided by the member count.
+        joined = lambda name, xs: xs[0] if k == 1 else g.concatenation(name, xs)
+        mean_w = lambda ws: np.concatenate(ws, axis=1) / k if k > 1 else ws[0]
+        mean_b = lambda bs: sum(bs) / k if k > 1 else bs[0]
+        h = joined("hidden_all", hs)
+        corr = g.fully_connected("correction", h, mean_w([m.corr.weight.detach().numpy() for m in members]),
+                                 mean_b([m.corr.bias.detach().numpy() for m in members]))
+        if self.skip is not None:
+            w, b = mean_b([s[0] for s in skips]), mean_b([s[1] for s in skips])
+            corr = g.binary("add", "correction_total", corr, g.fully_connected("correction_linear", z, w, b))
+        end_src = joined("end_all", ends)
+        out0 = g.binary("add", "output0" if not self.mix_spans else "output_ls",
+                        fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
+        if self.mix_spans:
+            n_mix = len(self.mix_spans)
+            vm = g.binary("div", "mix_velocity", fc("mix_step", g.flat),
+                          g.binary("maximum", "mix_gap_floor", fc("mix_gap", g.flat),
+                                   full("mix_min_gap", MIN_GAP_MS, 2 * n_mix)))
+            e = fc("mix_e", g.concatenation("mix_input", [vm, v_ls]))
+            # The gate's rows repeated for x and y, so that its output lines up with e.
+            gw = mean_w([m.gate.weight.detach().numpy().reshape(self.p, 1, n_mix, -1).repeat(2, axis=1)
+                         .reshape(self.p * 2 * n_mix, -1) for m in members])
+            gb = mean_b([m.gate.bias.detach().numpy().reshape(self.p, 1, n_mix).repeat(2, axis=1).reshape(-1)
+                         for m in members])
+            gate = g.fully_connected("mix_gate", h, gw, gb)
+            out0 = g.binary("add", "output0", out0, fc("mix_sum", g.binary("mul", "mix_terms", e, gate)))
+        out1 = g.fully_connected("output1", end_src, mean_w([m.end.weight.detach().numpy() for m in members]),
+                                 mean_b([m.end.bias.detach().numpy() for m in members]))
+        g.write(path, [out0, out1])
+        ops = {"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"}
+        return sorted(ops | ({"SUB"} if self.windows else set()))
+
+
+    def _export_learned(self, g, z, end_in, prefix):
+        """This network's hidden layers in graph g, its input standardisation folded into the first:
+        (last hidden, first hidden, stroke-end source, folded linear-path (weight, bias))."""
         k = self.mlp_in
         scale_all = self.in_scale.double().numpy() * (self.in_mask_full.double().numpy() if self.end_layers else
                                                       self.in_mask.double().numpy())
         shift_all = self.in_shift.double().numpy()
         scale, shift = scale_all[:k], shift_all[:k]
+
         def folded(w, b):  # standardisation folded into a layer that reads z
             return w * scale[None, :], b - w @ (shift * scale)
 
@@ -351,42 +399,24 @@ class ResidualPredictor(nn.Module):
             b = lin.bias.detach().double().numpy()
             if i == 0:
                 w, b = folded(w, b)
-            h = g.fully_connected("hidden%d" % i, h, w, b, "relu")
+            h = g.fully_connected("%shidden%d" % (prefix, i), h, w, b, "relu")
             first = h if first is None else first
-        corr = g.fully_connected("correction", h, self.corr.weight.detach().numpy(), self.corr.bias.detach().numpy())
+        skip = None
         if self.skip is not None:
-            w, b = folded(self.skip.weight.detach().double().numpy(), np.zeros(2 * self.p))
-            corr = g.binary("add", "correction_total", corr, g.fully_connected("correction_linear", z, w, b))
+            skip = folded(self.skip.weight.detach().double().numpy(), np.zeros(2 * self.p))
         end_src = h
         if self.end_layers:
-            end_src = g.concatenation("end_input", [z, fc("row_speed", absv)])
+            end_src = end_in
             for i, lin in enumerate(self.end_branch):
                 w = lin.weight.detach().double().numpy()
                 b = lin.bias.detach().double().numpy()
                 if i == 0:
                     w, b = w * scale_all[None, :], b - w @ (shift_all * scale_all)
-                end_src = g.fully_connected("end_hidden%d" % i, end_src, w, b, "relu")
+                end_src = g.fully_connected("%send_hidden%d" % (prefix, i), end_src, w, b, "relu")
         elif self.end_hidden is not None:
-            end_src = g.fully_connected("end_hidden", first, self.end_hidden.weight.detach().numpy(),
+            end_src = g.fully_connected("%send_hidden" % prefix, first, self.end_hidden.weight.detach().numpy(),
                                         self.end_hidden.bias.detach().numpy(), "relu")
-        out0 = g.binary("add", "output0" if not self.mix_spans else "output_ls",
-                        fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
-        if self.mix_spans:
-            k = len(self.mix_spans)
-            vm = g.binary("div", "mix_velocity", fc("mix_step", g.flat),
-                          g.binary("maximum", "mix_gap_floor", fc("mix_gap", g.flat),
-                                   full("mix_min_gap", MIN_GAP_MS, 2 * k)))
-            e = fc("mix_e", g.concatenation("mix_input", [vm, v_ls]))
-            # The gate's rows repeated for x and y, so that its output lines up with e.
-            gw = self.gate.weight.detach().numpy().reshape(self.p, 1, k, -1).repeat(2, axis=1).reshape(self.p * 2 * k, -1)
-            gb = self.gate.bias.detach().numpy().reshape(self.p, 1, k).repeat(2, axis=1).reshape(-1)
-            gate = g.fully_connected("mix_gate", h, gw, gb)
-            out0 = g.binary("add", "output0", out0, fc("mix_sum", g.binary("mul", "mix_terms", e, gate)))
-        out1 = g.fully_connected("output1", end_src, self.end.weight.detach().numpy(), self.end.bias.detach().numpy())
-        g.write(path, [out0, out1])
-        ops = {"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"}
-        return sorted(ops | ({"SUB"} if self.windows else set()))
-
+        return h, first, end_src, skip
 
     def _export_time_windows(self, g, fc, full, absv):
         k, n = len(self.windows), self.n
@@ -415,6 +445,43 @@ class ResidualPredictor(nn.Module):
 
 
 # --- Reading the .tflite back: enough of the schema to run a fully connected graph.
+
+
+class AveragedPredictor(nn.Module):
+    """The mean of networks trained alike from different seeds: each seed's network errs in its
+    own places, and their mean is both more accurate and less dependent on the seed. Displacements
+    and stroke-end logits are averaged; the fixed part is the same for all and computed once."""
+
+    def __init__(self, members):
+        super().__init__()
+        first = members[0]
+        for m in members[1:]:
+            same = m.consts.keys() == first.consts.keys() and all(
+                np.array_equal(m.consts[k][0], first.consts[k][0]) and np.array_equal(m.consts[k][1], first.consts[k][1])
+                for k in first.consts)
+            if not same or m.hidden != first.hidden:
+                raise ValueError("ensemble members differ in their fixed part or layers")
+        self.members = nn.ModuleList(members)
+        self.mlp_in = first.mlp_in
+
+    def features(self, x):
+        return self.members[0].features(x)
+
+    def head(self, *feats):
+        outs = [m.head(*feats) for m in self.members]
+        k = len(outs)
+        return sum(o[0] for o in outs) / k, sum(o[1] for o in outs) / k
+
+    def forward(self, x):
+        return self.head(*self.features(x))
+
+    def parameter_count(self):
+        learned = sum(m.parameter_count()[0] for m in self.members)
+        return learned, self.members[0].parameter_count()[1]
+
+    def export(self, path):
+        return self.members[0].export(path, list(self.members))
+
 
 def _table(buf, pos):
     return flatbuffers.table.Table(buf, pos)

@@ -4,7 +4,7 @@
     /usr/bin/python3 tools/train/score_state.py STATE.pt[:KEY=JSON;...] ...
 
 STATE is a --state file of train.py, or a bare state_dict of --select with the candidate's
-settings given after the colon."""
+settings given after the colon; STATE+STATE+... scores the mean of those networks."""
 
 import copy
 import json
@@ -14,29 +14,34 @@ import torch
 
 import evaluate
 import train
+from model import AveragedPredictor
 
 
 def load(arg):
     path, _, extra = arg.partition(":")
     saved = torch.load(path)
-    s = copy.deepcopy(train.SETTINGS)
     if "settings" in saved:
-        s.update(saved["settings"])
-        state = saved["state"]
-    else:
-        state = saved
+        return train.load_state(path)[:2]
+    s = copy.deepcopy(train.SETTINGS)
     for kv in filter(None, extra.split(";")):
         k, v = kv.split("=", 1)
         s[k] = json.loads(v)
     model = train.new_model(s)
-    model.load_state_dict(state)
+    model.load_state_dict(saved)
     model.eval()
     return s, model
 
 
+def load_all(arg):
+    loaded = [load(a) for a in arg.split("+")]
+    if len(loaded) == 1:
+        return loaded[0]
+    return loaded[0][0], AveragedPredictor([m for _, m in loaded]).eval()
+
+
 def main():
     for arg in sys.argv[1:]:
-        s, model = load(arg)
+        s, model = load_all(arg)
         cfg, sets = train.validation_sets(s)
         predict = train.torch_predictor(model)
         s["stroke_end_thres"] = train.choose_threshold(s, predict, sets)

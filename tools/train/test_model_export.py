@@ -13,7 +13,7 @@ import torch
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import train  # noqa: E402
 from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording  # noqa: E402
-from model import tflite_forward  # noqa: E402
+from model import AveragedPredictor, tflite_forward  # noqa: E402
 from targets import build  # noqa: E402
 
 SETTINGS = dict(copy.deepcopy(train.SETTINGS), num_historical_points=10, hidden=[24, 16],
@@ -38,28 +38,73 @@ def dataset(s, rec):
     return cfg, build(rec, cfg)
 
 
+def trained_looking(seed, ds, settings=SETTINGS):
+    """A network with its initial layers and heads that start at zero given weights of their own."""
+    torch.manual_seed(seed)
+    model = train.new_model(settings)
+    for head in (model.corr, model.skip, model.gate):
+        torch.nn.init.normal_(head.weight, std=0.05)
+    # Each member standardises its inputs on its own sample.
+    model.set_standardisation(model.features(torch.from_numpy(ds.x[seed % 3::2]))[0])
+    return model.eval()
+
+
+def float64_outputs(model, x):
+    with torch.no_grad():
+        disp, logit = copy.deepcopy(model).double()(torch.from_numpy(x.astype(np.float64)))
+    return disp.numpy(), logit.numpy()
+
+
 class ExportTest(unittest.TestCase):
-    def test_the_file_computes_what_the_network_computes(self):
-        torch.manual_seed(3)
-        model = train.new_model(SETTINGS)
-        # The layers keep their initial weights; the heads that start at zero get some of their own.
-        for head in (model.corr, model.skip, model.gate):
-            torch.nn.init.normal_(head.weight, std=0.05)
-        _, ds = dataset(SETTINGS, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
-        model.set_standardisation(model.features(torch.from_numpy(ds.x))[0])
-        model.eval()
-        # Against the network in float64: the file, like the library, computes in float32.
-        with torch.no_grad():
-            disp, logit = copy.deepcopy(model).double()(torch.from_numpy(ds.x.astype(np.float64)))
+    def setUp(self):
+        _, self.ds = dataset(SETTINGS, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
+
+    def exported(self, model):
         with tempfile.TemporaryDirectory() as tmp:
             path = os.path.join(tmp, "m.tflite")
             ops = model.export(path)
-            out0, out1 = tflite_forward(path, ds.x)
+            return ops, tflite_forward(path, self.ds.x)
+
+    def assert_same(self, out, ref):
+        for got, want in zip(out, ref):
+            np.testing.assert_allclose(got, want, atol=1e-5 * max(1.0, float(np.abs(want).max())))
+
+    def test_the_file_computes_what_the_network_computes(self):
+        model = trained_looking(3, self.ds)
+        # Against the network in float64: the file, like the library, computes in float32.
+        disp, logit = float64_outputs(model, self.ds.x)
+        ops, out = self.exported(model)
         self.assertNotIn("TANH", ops)
-        scale = max(1.0, float(disp.abs().max()))
-        np.testing.assert_allclose(out0, disp.numpy(), atol=1e-5 * scale)
-        np.testing.assert_allclose(out1, logit.numpy(), atol=1e-5 * max(1.0, float(logit.abs().max())))
-        self.assertGreater(float(disp.abs().max()), 1.0)
+        self.assert_same(out, (disp, logit))
+        self.assertGreater(float(np.abs(disp).max()), 1.0)
+
+    def test_an_ensemble_file_computes_the_mean_of_its_members(self):
+        members = [trained_looking(seed, self.ds) for seed in (3, 4, 5)]
+        refs = [float64_outputs(m, self.ds.x) for m in members]
+        mean = tuple(sum(r[i] for r in refs) / 3 for i in range(2))
+        # The members must disagree, or a file of one of them would pass too.
+        self.assertGreater(np.abs(refs[0][0] - refs[1][0]).max(), 0.1)
+        ops, out = self.exported(AveragedPredictor(members))
+        self.assertIn("CONCATENATION", ops)
+        self.assert_same(out, mean)
+        learned, _ = AveragedPredictor(members).parameter_count()
+        self.assertEqual(learned, 3 * members[0].parameter_count()[0])
+
+    def test_members_of_different_shape_are_refused(self):
+        wide = dict(SETTINGS, hidden=[32, 16])
+        with self.assertRaises(ValueError):
+            AveragedPredictor([trained_looking(3, self.ds), trained_looking(4, self.ds, wide)])
+
+    def test_a_saved_ensemble_loads_as_its_members_mean(self):
+        members = [trained_looking(seed, self.ds) for seed in (3, 4)]
+        s = dict(SETTINGS, ensemble_seeds=[4])
+        self.assertEqual([m["seed"] for m in train.member_settings(s)], [SETTINGS["seed"], 4])
+        with tempfile.TemporaryDirectory() as tmp:
+            path = os.path.join(tmp, "state.pt")
+            torch.save({"settings": s, "states": [m.state_dict() for m in members], "train_s": 1.0}, path)
+            _, loaded, _ = train.load_state(path)
+        want = AveragedPredictor(members)(torch.from_numpy(self.ds.x))[0]
+        np.testing.assert_array_equal(loaded(torch.from_numpy(self.ds.x))[0].detach().numpy(), want.detach().numpy())
 
 
 class FixedPartTest(unittest.TestCase):
