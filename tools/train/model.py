@@ -338,11 +338,10 @@ class ResidualPredictor(nn.Module):
         z = g.concatenation("mlp_input", parts)
         end_in = g.concatenation("end_input", [z, fc("row_speed", absv)]) if self.end_layers else None
         members = members or [self]
-        hs, firsts, ends, skips = [], [], [], []
+        hs, ends, skips = [], [], []
         for j, m in enumerate(members):
-            h, first, end_src, skip = m._export_learned(g, z, end_in, "m%d_" % j if len(members) > 1 else "")
+            h, end_src, skip = m._export_learned(g, z, end_in, "m%d_" % j if len(members) > 1 else "")
             hs.append(h)
-            firsts.append(first)
             ends.append(end_src)
             skips.append(skip)
         k = len(members)
@@ -379,10 +378,9 @@ class ResidualPredictor(nn.Module):
         ops = {"FULLY_CONNECTED", "RESHAPE", "MAXIMUM", "DIV", "MUL", "ADD", "CONCATENATION"}
         return sorted(ops | ({"SUB"} if self.windows else set()))
 
-
     def _export_learned(self, g, z, end_in, prefix):
         """This network's hidden layers in graph g, its input standardisation folded into the first:
-        (last hidden, first hidden, stroke-end source, folded linear-path (weight, bias))."""
+        (last hidden layer, stroke-end source, folded linear path (weight, bias))."""
         k = self.mlp_in
         scale_all = self.in_scale.double().numpy() * (self.in_mask_full.double().numpy() if self.end_layers else
                                                       self.in_mask.double().numpy())
@@ -416,7 +414,7 @@ class ResidualPredictor(nn.Module):
         elif self.end_hidden is not None:
             end_src = g.fully_connected("%send_hidden" % prefix, first, self.end_hidden.weight.detach().numpy(),
                                         self.end_hidden.bias.detach().numpy(), "relu")
-        return h, first, end_src, skip
+        return h, end_src, skip
 
     def _export_time_windows(self, g, fc, full, absv):
         k, n = len(self.windows), self.n
@@ -442,9 +440,6 @@ class ResidualPredictor(nn.Module):
         v = g.concatenation("tw_velocity", [g.binary("div", "tw_vx", sums["x"], den),
                                             g.binary("div", "tw_vy", sums["y"], den)])
         return g.binary("div", "tw_velocity_rel", v, fc("speed_tw", absv))
-
-
-# --- Reading the .tflite back: enough of the schema to run a fully connected graph.
 
 
 class AveragedPredictor(nn.Module):
@@ -481,6 +476,9 @@ class AveragedPredictor(nn.Module):
 
     def export(self, path):
         return self.members[0].export(path, list(self.members))
+
+
+# --- Reading the .tflite back: enough of the schema to run a fully connected graph.
 
 
 def _table(buf, pos):
