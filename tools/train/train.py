@@ -13,6 +13,7 @@ import argparse
 import copy
 import glob
 import json
+import multiprocessing
 import os
 import time
 
@@ -143,12 +144,29 @@ def member_settings(s):
     return [s] + [dict(s, seed=seed) for seed in s.get("ensemble_seeds", [])]
 
 
-def train_ensemble(s, log=print):
+def train_member(ms, log=print):
+    tr = training_set(ms)
+    log("seed %d: training on %d prediction points" % (ms["seed"], len(tr)))
+    return train_model(ms, tr, lambda m: log("seed %d:%s" % (ms["seed"], m)))
+
+
+def _member_state(ms):
+    return train_member(ms, lambda m: print(m, flush=True)).state_dict()
+
+
+def train_ensemble(s, log=print, jobs=1):
+    """The ensemble's networks, one after another or `jobs` at a time in processes of their own:
+    each trains on one thread from its own seed, so the result does not depend on `jobs`."""
+    settings = member_settings(s)
+    if jobs <= 1 or len(settings) == 1:
+        return [train_member(ms, log) for ms in settings]
+    with multiprocessing.get_context("fork").Pool(min(jobs, len(settings))) as pool:
+        states = pool.map(_member_state, settings, chunksize=1)
     members = []
-    for ms in member_settings(s):
-        tr = training_set(ms)
-        log("seed %d: training on %d prediction points" % (ms["seed"], len(tr)))
-        members.append(train_model(ms, tr, log))
+    for ms, state in zip(settings, states):
+        m = new_model(ms)
+        m.load_state_dict(state)
+        members.append(m.eval())
     return members
 
 
@@ -481,6 +499,8 @@ def main():
                     help="compare candidate settings on validation (default: all of %s)" % ", ".join(CANDIDATES))
     ap.add_argument("--out", default=MODELS, help="output directory (default: models/)")
     ap.add_argument("--epochs", type=int, help="override the epoch count (quick trials)")
+    ap.add_argument("--jobs", type=int, default=1,
+                    help="train this many of the ensemble's networks at once (one core each; same result)")
     ap.add_argument("--eval-json", metavar="FILE",
                     help="the evaluation section of the card: a stylus-replay --json summary of the evaluation set "
                          "(without it the card has none)")
@@ -512,7 +532,7 @@ def main():
         select(s, args.select or list(CANDIDATES))
         return
     t0 = time.time()
-    members = train_ensemble(s, lambda m: print(m, flush=True))
+    members = train_ensemble(s, lambda m: print(m, flush=True), args.jobs)
     model = as_predictor(members)
     cfg, sets = validation_sets(s)
     s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
@@ -914,9 +934,10 @@ baseline's mean error at that horizon{relative_text}, plus binary cross-entropy 
 one-cycle schedule, {epochs} epochs, batch {batch}, max lr {lr}, {seed}, one thread,
 deterministic algorithms. Last training run: {train_min:.1f} minutes.
 
-Retrain (rewrites `models/` and this card; data from `{data}` or `$STYLUS_DATA`):
+Retrain (rewrites `models/` and this card; data from `{data}` or `$STYLUS_DATA`; `--jobs K` trains K
+of the networks at once, one core each, with the same result):
 
-    /usr/bin/python3 tools/train/train.py
+    /usr/bin/python3 tools/train/train.py [--jobs K]
 
 Compare candidate settings on the validation writers: `tools/train/train.py --select [NAME ...]`.
 Tables for any recordings: `tools/train/evaluate.py FILE.csv ... [--rates own,100,600] [--batches 1,4]`.
