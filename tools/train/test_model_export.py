@@ -107,6 +107,25 @@ class ExportTest(unittest.TestCase):
         np.testing.assert_array_equal(loaded(torch.from_numpy(self.ds.x))[0].detach().numpy(), want.detach().numpy())
 
 
+class EnsembleTrainingTest(unittest.TestCase):
+    def test_networks_trained_side_by_side_equal_those_trained_in_turn(self):
+        s = dict(SETTINGS, epochs=1, batch=64, ensemble_seeds=[5])
+        _, ds = dataset(s, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
+        real = train.training_set
+        train.training_set = lambda ms: ds
+        try:
+            in_turn = train.train_ensemble(s, lambda m: None, jobs=1)
+            side_by_side = train.train_ensemble(s, lambda m: None, jobs=2)
+        finally:
+            train.training_set = real
+        self.assertEqual(len(in_turn), 2)
+        for a, b in zip(in_turn, side_by_side):
+            for k, v in a.state_dict().items():
+                self.assertTrue(torch.equal(v, b.state_dict()[k]), k)
+        # The seeds make different networks, or an ensemble of copies would pass.
+        self.assertFalse(torch.equal(in_turn[0].corr.weight, in_turn[1].corr.weight))
+
+
 class FixedPartTest(unittest.TestCase):
     def setUp(self):
         self.rec = curved_stroke(np.tile([2, 3, 2, 5, 8], 30))
