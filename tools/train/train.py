@@ -815,16 +815,18 @@ the browser document at 240 Hz whole px at 4 ms (up to 3.1 %) and at 100 Hz at 4
 
 The same settings from other seeds lose other cells: seeds 99 and 7 both lose the eyepen writer at
 500 Hz at 4 ms (up to 4.3 %), which seed 1234 wins; what every seed loses is the browser document at
-240 Hz whole px at 4 ms, by 2 to 3 %. Each network errs partly in its own places, so their mean is
-better than any of them: the mean of two is better on every criterion than either of its members,
-and the mean of the three (this card) better again: worst ratio 1.072 over all cells and 1.018 at
-100-600 Hz, 11 losing cells of which 4 at 100-600 Hz (the browser document at 240 Hz whole px at
-4 ms, by up to 1.8 %), the lowest pooled error (0.2340 mm at +20 ms against 0.2394 for seed 1234
-alone) and 31.9 % of the past-end points caught. The other 7 losing cells are that document at its
-own rate (about 21 Hz, below the range, by up to 7.2 %; seed 1234 alone lost 20 of them by up to
-31 %). A recording sampled that slowly, in pairs of events 4 and 46 ms apart, is not what the library
-is built for. Its cost is three times the learned layers (see Architecture), still a few
-microseconds per inference on XNNPACK.
+240 Hz whole px at 4 ms, by 2 to 3 %. Each network errs partly in its own places, so their mean
+does better: each mean of two has a lower worst ratio at 100-600 Hz, fewer losing cells and a lower
+pooled error than either of its members, and the mean of the three (this card) is lower again on all
+three: worst ratio 1.018 at 100-600 Hz (1.072 over all cells, where the pair of seeds 99 and 7 has
+1.058), 11 losing cells of which 4 at 100-600 Hz (the browser document at 240 Hz whole px at 4 ms, by
+up to 1.8 %), and 0.2340 mm pooled at +20 ms against 0.2394 for seed 1234 alone. It catches 31.9 %
+of the past-end points (seed 7 alone 33.0 %). The other 7 losing cells are that document at its own
+rate (about 21 Hz, below the range, by up to 7.2 %; seed 1234 alone lost 20 of them by up to 31 %). A
+recording sampled that slowly, in pairs of events 4 and 46 ms apart, is not what the library is
+built for. Its cost is three times the learned layers (see Architecture): about twice a single
+network's inference time (8 to 10 µs against 4 to 6 µs warm on XNNPACK here), and a longer tail at
+pen rate (see the README's Performance section).
 
 No candidate reaches the stroke-end target (half the past-end points
 at 0.1 % in-stroke drops). A classifier trained on the stroke-end labels alone, wider (128, 64) and
