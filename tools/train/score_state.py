@@ -14,7 +14,6 @@ import torch
 
 import evaluate
 import train
-from model import AveragedPredictor
 
 
 def load(arg):
@@ -34,9 +33,7 @@ def load(arg):
 
 def load_all(arg):
     loaded = [load(a) for a in arg.split("+")]
-    if len(loaded) == 1:
-        return loaded[0]
-    return loaded[0][0], AveragedPredictor([m for _, m in loaded]).eval()
+    return loaded[0][0], train.as_predictor([m for _, m in loaded])
 
 
 def main():

@@ -161,13 +161,17 @@ def train_ensemble(s, log=print, jobs=1):
     if jobs <= 1 or len(settings) == 1:
         return [train_member(ms, log) for ms in settings]
     with multiprocessing.get_context("fork").Pool(min(jobs, len(settings))) as pool:
-        states = pool.map(_member_state, settings, chunksize=1)
-    members = []
-    for ms, state in zip(settings, states):
-        m = new_model(ms)
+        return networks(settings, pool.map(_member_state, settings, chunksize=1))
+
+
+def networks(settings, states):
+    """Networks in evaluation mode from their settings and saved states."""
+    out = []
+    for s, state in zip(settings, states):
+        m = new_model(s)
         m.load_state_dict(state)
-        members.append(m.eval())
-    return members
+        out.append(m.eval())
+    return out
 
 
 def as_predictor(members):
@@ -178,12 +182,8 @@ def load_state(path):
     """(settings, network) of a --state file: one network or the members of an ensemble."""
     saved = torch.load(path)
     s = dict(copy.deepcopy(SETTINGS), **saved["settings"])
-    members = []
-    for state in saved.get("states", [saved.get("state")]):
-        m = new_model(s)
-        m.load_state_dict(state)
-        members.append(m.eval())
-    return s, as_predictor(members), saved["train_s"]
+    states = saved.get("states", [saved.get("state")])
+    return s, as_predictor(networks([s] * len(states), states)), saved["train_s"]
 
 
 def train_model(s, ds, log=print):
