@@ -126,6 +126,50 @@ class EnsembleTrainingTest(unittest.TestCase):
         self.assertFalse(torch.equal(in_turn[0].corr.weight, in_turn[1].corr.weight))
 
 
+class StillPen(torch.nn.Module):
+    """A teacher far from the truth: the pen stays where it is and the stroke never ends."""
+    def forward(self, x):
+        return torch.zeros(len(x), train.NUM_PREDICTIONS * 2), torch.full((len(x), train.NUM_PREDICTIONS), -8.0)
+
+
+class DistillationTest(unittest.TestCase):
+    def setUp(self):
+        self.s = dict(SETTINGS, epochs=30, batch=32, ensemble_seeds=[])
+        _, self.ds = dataset(self.s, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
+
+    def student(self, alpha, teacher):
+        model = train.train_model(dict(self.s, distill=alpha), self.ds, lambda m: None, teacher)
+        disp, logit = train.torch_predictor(model)(self.ds.x)
+        return model, disp, logit
+
+    def test_no_share_ignores_the_teacher(self):
+        alone = train.train_model(self.s, self.ds, lambda m: None)
+        taught = self.student(0.0, StillPen())[0]
+        for k, v in alone.state_dict().items():
+            self.assertTrue(torch.equal(v, taught.state_dict()[k]), k)
+
+    def test_the_share_moves_the_student_from_the_truth_to_the_teacher(self):
+        v = self.ds.valid
+        truth = self.ds.disp[v]
+        by_share = {}
+        for alpha in (0.0, 0.5, 1.0):
+            _, disp, logit = self.student(alpha, StillPen())
+            # Distance to the truth and to the teacher (all zero), and the mean stroke-end probability.
+            by_share[alpha] = (np.linalg.norm(disp[v] - truth, axis=1).mean(), np.linalg.norm(disp[v], axis=1).mean(),
+                               (1 / (1 + np.exp(-logit))).mean())
+        self.assertLess(by_share[0.0][0], by_share[0.5][0])
+        self.assertLess(by_share[0.5][0], by_share[1.0][0])
+        self.assertGreater(by_share[0.0][1], by_share[0.5][1])
+        self.assertGreater(by_share[0.5][1], by_share[1.0][1])
+        self.assertLess(by_share[1.0][1], 0.2 * by_share[0.0][1])
+        self.assertGreater(by_share[0.0][2], by_share[1.0][2])
+
+    def test_the_teacher_is_the_mean_of_networks_from_its_seeds(self):
+        t = train.teacher_settings(dict(self.s, distill=0.5, teacher_seeds=[7, 8, 9]))
+        self.assertEqual([m["seed"] for m in train.member_settings(t)], [7, 8, 9])
+        self.assertEqual(t["distill"], 0.0)
+
+
 class FixedPartTest(unittest.TestCase):
     def setUp(self):
         self.rec = curved_stroke(np.tile([2, 3, 2, 5, 8], 30))

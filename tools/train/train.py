@@ -69,6 +69,8 @@ SETTINGS = {
     "lr": 3e-3,
     "seed": 1234,
     "ensemble_seeds": [99, 7],  # more networks trained alike from these seeds; the file computes their mean
+    "distill": 0.0,        # share of the targets taken from a teacher's outputs instead of the truth
+    "teacher_seeds": [],   # the teacher: the mean of networks trained alike from these seeds
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
 # The recordings' and the shipped configuration's screen.
@@ -144,10 +146,23 @@ def member_settings(s):
     return [s] + [dict(s, seed=seed) for seed in s.get("ensemble_seeds", [])]
 
 
-def train_member(ms, log=print):
+def train_member(ms, log=print, teacher=None):
     tr = training_set(ms)
     log("seed %d: training on %d prediction points" % (ms["seed"], len(tr)))
-    return train_model(ms, tr, lambda m: log("seed %d:%s" % (ms["seed"], m)))
+    return train_model(ms, tr, lambda m: log("seed %d:%s" % (ms["seed"], m)), teacher)
+
+
+def teacher_settings(s):
+    seeds = s["teacher_seeds"]
+    return dict(s, seed=seeds[0], ensemble_seeds=list(seeds[1:]), distill=0.0, teacher_seeds=[])
+
+
+def train_student(s, log=print, jobs=1, teacher=None):
+    """One network trained towards a mix of the truth and a teacher's outputs (the teacher is
+    trained first unless given): most of an ensemble's accuracy at one network's inference cost."""
+    if teacher is None:
+        teacher = as_predictor(train_ensemble(teacher_settings(s), log, jobs))
+    return train_member(dict(s, ensemble_seeds=[]), log, teacher)
 
 
 def _member_state(ms):
@@ -186,8 +201,16 @@ def load_state(path):
     return s, as_predictor(networks([s] * len(states), states)), saved["train_s"]
 
 
-def train_model(s, ds, log=print):
-    """Fits the network; the loss weighs each horizon by the better baseline's error there."""
+def train_model(s, ds, log=print, teacher=None):
+    """Fits the network; the loss weighs each horizon by the better baseline's error there. With a
+    teacher, a share `distill` of each target (displacements and stroke-end labels) is the teacher's."""
+    y = torch.from_numpy(ds.disp)
+    end = torch.from_numpy(ds.end)
+    alpha = s.get("distill", 0.0) if teacher is not None else 0.0
+    if alpha > 0:
+        t_disp, t_end = torch_predictor(teacher)(ds.x)
+        y_teacher = torch.from_numpy(t_disp.astype(np.float32))
+        end = (1 - alpha) * end + alpha * torch.sigmoid(torch.from_numpy(t_end.astype(np.float32)))
     setup_determinism(s["seed"])
     model = new_model(s)
     # The fixed part has no weights to learn: run it once over the data.
@@ -196,9 +219,7 @@ def train_model(s, ds, log=print):
         feats = [torch.cat([f[j] for f in fixed]) for j in range(len(fixed[0]))]
         del fixed
         model.set_standardisation(feats[0][::max(1, len(ds) // 50000)])
-    y = torch.from_numpy(ds.disp)
     valid = torch.from_numpy(ds.valid.astype(np.float32))
-    end = torch.from_numpy(ds.end)
     base_err = np.minimum(np.linalg.norm(ds.cv - ds.disp, axis=2), np.linalg.norm(ds.ls3 - ds.disp, axis=2))
     weight = torch.from_numpy(point_weights(ds, base_err, s["stroke_relative"]))
     opt = torch.optim.Adam(model.parameters(), lr=s["lr"])
@@ -216,7 +237,10 @@ def train_model(s, ds, log=print):
         for i in range(0, len(ds), s["batch"]):
             idx = perm[i:i + s["batch"]]
             d, e = model.head(*(f[idx] for f in feats))
-            err = torch.sqrt(((d.view(-1, NUM_PREDICTIONS, 2) - y[idx]) ** 2).sum(2) + 1e-8)
+            d = d.view(-1, NUM_PREDICTIONS, 2)
+            err = torch.sqrt(((d - y[idx]) ** 2).sum(2) + 1e-8)
+            if alpha > 0:
+                err = (1 - alpha) * err + alpha * torch.sqrt(((d - y_teacher[idx]) ** 2).sum(2) + 1e-8)
             v = valid[idx]
             loss = ((err * v * weight[idx]).sum(0) / v.sum(0).clamp(min=1)).sum() + s["end_weight"] * bce(e, end[idx])
             opt.zero_grad()
@@ -507,6 +531,9 @@ def main():
     ap.add_argument("--replay-validation", metavar="FILE",
                     help="tables of tools/train/replay_validation.py for the card's validation section")
     ap.add_argument("--state", help="also save the trained network (torch state) here")
+    ap.add_argument("--teacher", metavar="STATE",
+                    help="with distillation: a saved teacher (--state of a run with the teacher's settings) "
+                         "instead of training it first")
     ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
     args = ap.parse_args()
@@ -532,7 +559,12 @@ def main():
         select(s, args.select or list(CANDIDATES))
         return
     t0 = time.time()
-    members = train_ensemble(s, lambda m: print(m, flush=True), args.jobs)
+    log = lambda m: print(m, flush=True)
+    if s["distill"] > 0:
+        teacher = load_state(args.teacher)[1] if args.teacher else None
+        members = [train_student(s, log, args.jobs, teacher)]
+    else:
+        members = train_ensemble(s, log, args.jobs)
     model = as_predictor(members)
     cfg, sets = validation_sets(s)
     s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
