@@ -134,7 +134,7 @@ class StillPen(torch.nn.Module):
 
 class DistillationTest(unittest.TestCase):
     def setUp(self):
-        self.s = dict(SETTINGS, epochs=30, batch=32, ensemble_seeds=[])
+        self.s = dict(SETTINGS, epochs=30, batch=32, ensemble_seeds=[], distill=0.0)
         _, self.ds = dataset(self.s, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
 
     def student(self, alpha, teacher):
@@ -165,9 +165,9 @@ class DistillationTest(unittest.TestCase):
         self.assertGreater(by_share[0.0][2], by_share[1.0][2])
 
     def test_the_teacher_is_the_mean_of_networks_from_its_seeds(self):
-        t = train.teacher_settings(dict(self.s, distill=0.5, teacher_seeds=[7, 8, 9]))
+        t = train.teacher_settings(dict(self.s, distill=0.5, teacher={"seeds": [7, 8, 9], "epochs": 5}))
         self.assertEqual([m["seed"] for m in train.member_settings(t)], [7, 8, 9])
-        self.assertEqual(t["distill"], 0.0)
+        self.assertEqual((t["distill"], t["epochs"], t["hidden"]), (0.0, 5, self.s["hidden"]))
 
 
 class FixedPartTest(unittest.TestCase):

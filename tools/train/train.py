@@ -64,13 +64,14 @@ SETTINGS = {
     "end_weight": 2.0,     # weight of the stroke-end loss
     "max_in_stroke_drops": 0.001,  # threshold choice: share of in-stroke points dropped
     "stroke_end_thres": None,       # chosen on validation after training
-    "epochs": 24,
+    "epochs": 36,
     "batch": 1024,
     "lr": 3e-3,
     "seed": 1234,
-    "ensemble_seeds": [99, 7],  # more networks trained alike from these seeds; the file computes their mean
-    "distill": 0.0,        # share of the targets taken from a teacher's outputs instead of the truth
-    "teacher_seeds": [],   # the teacher: the mean of networks trained alike from these seeds
+    "ensemble_seeds": [],  # more networks trained alike from these seeds; the file computes their mean
+    "distill": 0.5,        # share of the targets taken from a teacher's outputs instead of the truth
+    # The teacher: the mean of networks trained from these seeds, with these settings where they differ.
+    "teacher": {"seeds": [1234, 99, 7], "epochs": 24},
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
 # The recordings' and the shipped configuration's screen.
@@ -153,16 +154,22 @@ def train_member(ms, log=print, teacher=None):
 
 
 def teacher_settings(s):
-    seeds = s["teacher_seeds"]
-    return dict(s, seed=seeds[0], ensemble_seeds=list(seeds[1:]), distill=0.0, teacher_seeds=[])
+    t = dict(s["teacher"])
+    seeds = t.pop("seeds")
+    return dict(s, **t, seed=seeds[0], ensemble_seeds=list(seeds[1:]), distill=0.0, teacher=None)
+
+
+def teacher_for(s, given=None, log=print, jobs=1):
+    """The teacher of a network that learns from one (trained here unless given), else None."""
+    if not s.get("distill"):
+        return None
+    return given if given is not None else as_predictor(train_ensemble(teacher_settings(s), log, jobs))
 
 
 def train_student(s, log=print, jobs=1, teacher=None):
-    """One network trained towards a mix of the truth and a teacher's outputs (the teacher is
-    trained first unless given): most of an ensemble's accuracy at one network's inference cost."""
-    if teacher is None:
-        teacher = as_predictor(train_ensemble(teacher_settings(s), log, jobs))
-    return train_member(dict(s, ensemble_seeds=[]), log, teacher)
+    """One network trained towards a mix of the truth and a teacher's outputs: most of an
+    ensemble's accuracy at one network's inference cost."""
+    return train_member(dict(s, ensemble_seeds=[]), log, teacher_for(s, teacher, log, jobs))
 
 
 def _member_state(ms):
@@ -196,7 +203,8 @@ def as_predictor(members):
 def load_state(path):
     """(settings, network) of a --state file: one network or the members of an ensemble."""
     saved = torch.load(path)
-    s = dict(copy.deepcopy(SETTINGS), **saved["settings"])
+    # Networks saved before learning from a teacher existed learned from the truth alone.
+    s = dict(copy.deepcopy(SETTINGS), distill=0.0, **saved["settings"])
     states = saved.get("states", [saved.get("state")])
     return s, as_predictor(networks([s] * len(states), states)), saved["train_s"]
 
@@ -480,14 +488,21 @@ CANDIDATES.update({name: dict(BEFORE_PIXEL_COPIES, **extra) for name, extra in {
     "whole px copy": {"pixel_copies": 1},
     "2 whole px copies": {"pixel_copies": 2},
 }.items()})
-# Runs from the shipped settings: other seeds, as members of an averaged ensemble.
+# Runs from the networks of the teacher (the ensemble shipped before): other seeds.
+TEACHER_MEMBER = {"epochs": 24, "distill": 0.0}
 CANDIDATES.update({
-    "whole px seed 99": {"seed": 99},
-    "whole px seed 7": {"seed": 7},
+    "whole px seed 99": dict(TEACHER_MEMBER, seed=99),
+    "whole px seed 7": dict(TEACHER_MEMBER, seed=7),
+})
+# One network learning from that ensemble.
+CANDIDATES.update({
+    "distilled 0.5 24 epochs": {"epochs": 24},
+    "distilled 1 24 epochs": {"epochs": 24, "distill": 1.0},
+    "distilled 0.5 36 epochs": {},
 })
 
 
-def select(base, names):
+def select(base, names, teacher=None):
     """Compares candidate settings on the validation writers (never on eval): every candidate
     is trained in full and scored at every rate and batch size."""
     for name in names:
@@ -495,7 +510,7 @@ def select(base, names):
         t0 = time.time()
         tr = training_set(s)
         print("%s: %d training points" % (name, len(tr)), flush=True)
-        model = train_model(s, tr)
+        model = train_model(s, tr, teacher=teacher_for(s, teacher))
         cfg, sets = validation_sets(s)
         s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
         worst, mean, losing, catch, drops, cells = score(s, model, cfg, sets)
@@ -555,13 +570,14 @@ def main():
         model.export(tfl_path)
         write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation)
         return
+    teacher = load_state(args.teacher)[1] if args.teacher else None
     if args.select is not None:
-        select(s, args.select or list(CANDIDATES))
+        select(s, args.select or list(CANDIDATES), teacher)
         return
     t0 = time.time()
     log = lambda m: print(m, flush=True)
     if s["distill"] > 0:
-        teacher = load_state(args.teacher)[1] if args.teacher else None
+        s["ensemble_seeds"] = []  # one network ships; its teacher's seeds are in its settings
         members = [train_student(s, log, args.jobs, teacher)]
     else:
         members = train_ensemble(s, log, args.jobs)
@@ -621,7 +637,9 @@ def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=No
             " + %d in whole pixels" % s["pixel_copies"] if s.get("pixel_copies") else "", s["epochs"],
             ", stroke-end branch (%s)" % ", ".join(str(h) for h in s["end_layers"]) if s.get("end_layers") else "")
         + (", mean of %d networks (seeds %s)" % (len(member_settings(s)), ", ".join(
-            str(m["seed"]) for m in member_settings(s))) if s.get("ensemble_seeds") else ""),
+            str(m["seed"]) for m in member_settings(s))) if s.get("ensemble_seeds") else "")
+        + (", %.0f %% of its targets from the mean of the networks of seeds %s" % (100 * s["distill"], ", ".join(
+            str(seed) for seed in s["teacher"]["seeds"])) if s.get("distill") else ""),
         thres=s["stroke_end_thres"], worst="%.3f / %.3f" % (summary["worst"], summary["worst_in_range"]),
         losing="%d / %d" % (summary["losing"], summary["losing_in_range"]), p20="%.4f" % summary["last_mean"],
         caught="%.1f %% (%.3f %% dropped)" % (100 * summary["caught"], 100 * summary["drops"]))
@@ -710,7 +728,13 @@ def write_model_card(path, model, s, report_text, train_s, operators, selection)
                         "in its own places, and their mean is more accurate and depends less on the seed. The fixed "
                         "part is computed once; the members' last layers read their hidden units side by side "
                         "(CONCATENATION), each member's weights divided by %d.\n")
-                       % (len(member_settings(s)), len(member_settings(s))) if s.get("ensemble_seeds") else ""), drops=100 * s["max_in_stroke_drops"],
+                       % (len(member_settings(s)), len(member_settings(s))) if s.get("ensemble_seeds") else "")
+        + (("\nThe network learned from a teacher, the mean of %d networks trained alike from seeds %s (each "
+            "also drawing its own augmented copies): %.0f %% of every training target, displacements and stroke-end "
+            "labels, is the teacher's output, the rest the truth. The mean errs less and depends less on the "
+            "seed than any one network; trained towards it, one network keeps much of that at one network's "
+            "inference cost.\n") % (len(s["teacher"]["seeds"]), ", ".join(str(seed) for seed in s["teacher"]["seeds"]),
+                                     100 * s["distill"]) if s.get("distill") else ""), drops=100 * s["max_in_stroke_drops"],
         report=report_text, train_min=train_s / 60.0, data=DATA,
         r0=s["rates"][0], r1=s["rates"][1], z0=s["sizes"][0], z1=s["sizes"][1],
         rates=", ".join(str(r) for r in VAL_RATES), batches=", ".join(str(b) for b in VAL_BATCHES),
