@@ -99,10 +99,12 @@ class ExportTest(unittest.TestCase):
         members = [trained_looking(seed, self.ds) for seed in (3, 4)]
         s = dict(SETTINGS, ensemble_seeds=[4])
         self.assertEqual([m["seed"] for m in train.member_settings(s)], [SETTINGS["seed"], 4])
+        del s["distill"]  # saved before networks learned from a teacher
         with tempfile.TemporaryDirectory() as tmp:
             path = os.path.join(tmp, "state.pt")
             torch.save({"settings": s, "states": [m.state_dict() for m in members], "train_s": 1.0}, path)
-            _, loaded, _ = train.load_state(path)
+            settings, loaded, _ = train.load_state(path)
+        self.assertEqual(settings["distill"], 0.0)
         want = AveragedPredictor(members)(torch.from_numpy(self.ds.x))[0]
         np.testing.assert_array_equal(loaded(torch.from_numpy(self.ds.x))[0].detach().numpy(), want.detach().numpy())
 
