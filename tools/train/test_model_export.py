@@ -166,6 +166,23 @@ class DistillationTest(unittest.TestCase):
         self.assertLess(by_share[1.0][1], 0.2 * by_share[0.0][1])
         self.assertGreater(by_share[0.0][2], by_share[1.0][2])
 
+    def test_a_teacher_trained_once_is_saved_and_reused(self):
+        s = dict(self.s, epochs=1, distill=0.5, teacher={"seeds": [5, 6]})
+        real = train.training_set
+        train.training_set = lambda ms: self.ds
+        try:
+            with tempfile.TemporaryDirectory() as tmp:
+                path = os.path.join(tmp, "teacher.pt")
+                trained = train.keep_teacher(s, path, lambda m: None)
+                self.assertTrue(os.path.exists(path))
+                train.training_set = None  # a second run must not train
+                reused = train.keep_teacher(s, path, lambda m: None)
+        finally:
+            train.training_set = real
+        self.assertIsInstance(trained, AveragedPredictor)
+        x = torch.from_numpy(self.ds.x)
+        np.testing.assert_array_equal(reused(x)[0].detach().numpy(), trained(x)[0].detach().numpy())
+
     def test_the_teacher_is_the_mean_of_networks_from_its_seeds(self):
         t = train.teacher_settings(dict(self.s, distill=0.5, teacher={"seeds": [7, 8, 9], "epochs": 5}))
         self.assertEqual([m["seed"] for m in train.member_settings(t)], [7, 8, 9])

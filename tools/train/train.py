@@ -166,6 +166,18 @@ def teacher_for(s, given=None, log=print, jobs=1):
     return given if given is not None else as_predictor(train_ensemble(teacher_settings(s), log, jobs))
 
 
+def keep_teacher(s, path, log=print, jobs=1):
+    """The teacher an earlier run saved at `path`, else one trained now (and saved there)."""
+    if path and os.path.exists(path):
+        return load_state(path)[1]
+    t0 = time.time()
+    ts = teacher_settings(s)
+    taught = train_ensemble(ts, log, jobs)
+    if path:
+        torch.save({"settings": ts, "states": [m.state_dict() for m in taught], "train_s": time.time() - t0}, path)
+    return as_predictor(taught)
+
+
 def train_student(s, log=print, jobs=1, teacher=None):
     """One network trained towards a mix of the truth and a teacher's outputs: most of an
     ensemble's accuracy at one network's inference cost."""
@@ -548,8 +560,8 @@ def main():
                     help="tables of tools/train/replay_validation.py for the card's validation section")
     ap.add_argument("--state", help="also save the trained network (torch state) here")
     ap.add_argument("--teacher", metavar="STATE",
-                    help="with distillation: a saved teacher (--state of a run with the teacher's settings) "
-                         "instead of training it first")
+                    help="the teacher saved here by an earlier run, instead of training it; if the file does not "
+                         "exist yet, the teacher trained is saved there")
     ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
     args = ap.parse_args()
@@ -571,7 +583,7 @@ def main():
         model.export(tfl_path)
         write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation)
         return
-    teacher = load_state(args.teacher)[1] if args.teacher else None
+    teacher = load_state(args.teacher)[1] if args.teacher and os.path.exists(args.teacher) else None
     if args.select is not None:
         select(s, args.select or list(CANDIDATES), teacher)
         return
@@ -579,7 +591,7 @@ def main():
     log = lambda m: print(m, flush=True)
     if s["distill"] > 0:
         s["ensemble_seeds"] = []  # one network ships; its teacher's seeds are in its settings
-        members = [train_student(s, log, args.jobs, teacher)]
+        members = [train_student(s, log, args.jobs, keep_teacher(s, args.teacher, log, args.jobs))]
     else:
         members = train_ensemble(s, log, args.jobs)
     model = as_predictor(members)
@@ -1012,8 +1024,8 @@ one-cycle schedule, {epochs} epochs, batch {batch}, max lr {lr}, {seed}, one thr
 deterministic algorithms. Last training run: {train_min:.1f} minutes{train_note}.
 
 Retrain (rewrites `models/` and this card; data from `{data}` or `$STYLUS_DATA`; `--jobs K` trains K
-of the teacher's networks at once, one core each, with the same result; `--teacher STATE` takes a
-teacher saved by `--state` instead of training it):
+of the teacher's networks at once, one core each, with the same result; `--teacher STATE` reuses the
+teacher saved there by an earlier run, or saves the one it trains there):
 
     /usr/bin/python3 tools/train/train.py [--jobs K] [--teacher STATE] [--state STATE]
 
