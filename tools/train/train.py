@@ -159,15 +159,10 @@ def teacher_settings(s):
     return dict(s, **t, seed=seeds[0], ensemble_seeds=list(seeds[1:]), distill=0.0, teacher=None)
 
 
-def teacher_for(s, given=None, log=print, jobs=1):
-    """The teacher of a network that learns from one (trained here unless given), else None."""
-    if not s.get("distill"):
-        return None
-    return given if given is not None else as_predictor(train_ensemble(teacher_settings(s), log, jobs))
-
-
-def keep_teacher(s, path, log=print, jobs=1):
-    """The teacher an earlier run saved at `path`, else one trained now (and saved there)."""
+def keep_teacher(s, path=None, log=print, jobs=1):
+    """The teacher an earlier run saved at `path`, else one trained now (and saved there): one
+    network that learns a share of its targets from the mean of several keeps much of that mean's
+    accuracy at one network's inference cost."""
     if path and os.path.exists(path):
         return load_state(path)[1]
     t0 = time.time()
@@ -176,12 +171,6 @@ def keep_teacher(s, path, log=print, jobs=1):
     if path:
         torch.save({"settings": ts, "states": [m.state_dict() for m in taught], "train_s": time.time() - t0}, path)
     return as_predictor(taught)
-
-
-def train_student(s, log=print, jobs=1, teacher=None):
-    """One network trained towards a mix of the truth and a teacher's outputs: most of an
-    ensemble's accuracy at one network's inference cost."""
-    return train_member(dict(s, ensemble_seeds=[]), log, teacher_for(s, teacher, log, jobs))
 
 
 def _member_state(ms):
@@ -515,15 +504,22 @@ CANDIDATES.update({
 })
 
 
-def select(base, names, teacher=None):
+def select(base, names, teacher_path=None):
     """Compares candidate settings on the validation writers (never on eval): every candidate
     is trained in full and scored at every rate and batch size."""
+    teachers = {}
     for name in names:
         s = dict(copy.deepcopy(base), **CANDIDATES[name])
         t0 = time.time()
         tr = training_set(s)
         print("%s: %d training points" % (name, len(tr)), flush=True)
-        model = train_model(s, tr, teacher=teacher_for(s, teacher))
+        teacher = None
+        if s["distill"] > 0:  # candidates with the same teacher share it
+            key = json.dumps(teacher_settings(s), sort_keys=True)
+            if key not in teachers:
+                teachers[key] = keep_teacher(s, teacher_path)
+            teacher = teachers[key]
+        model = train_model(s, tr, teacher=teacher)
         cfg, sets = validation_sets(s)
         s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
         worst, mean, losing, catch, drops, cells = score(s, model, cfg, sets)
@@ -583,15 +579,14 @@ def main():
         model.export(tfl_path)
         write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation)
         return
-    teacher = load_state(args.teacher)[1] if args.teacher and os.path.exists(args.teacher) else None
     if args.select is not None:
-        select(s, args.select or list(CANDIDATES), teacher)
+        select(s, args.select or list(CANDIDATES), args.teacher)
         return
     t0 = time.time()
     log = lambda m: print(m, flush=True)
     if s["distill"] > 0:
         s["ensemble_seeds"] = []  # one network ships; its teacher's seeds are in its settings
-        members = [train_student(s, log, args.jobs, keep_teacher(s, args.teacher, log, args.jobs))]
+        members = [train_member(s, log, keep_teacher(s, args.teacher, log, args.jobs))]
     else:
         members = train_ensemble(s, log, args.jobs)
     model = as_predictor(members)
