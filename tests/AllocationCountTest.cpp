@@ -8,13 +8,11 @@
 #include <boost/property_tree/json_parser.hpp>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "CirclingPen.h"
@@ -115,13 +113,17 @@ constexpr int kMeasuredBatches = 300;
 
 std::atomic<int> g_predictions{0};
 std::atomic<int> g_inputCallbacks{0};
+std::atomic<uint64_t> g_lastDelivered{0};
 
 void onPredictions(const PredictedStylusTouchPoints* predictions) {
     t_counted = true;  // this is the inference thread
     if (predictions->numCoordinates > 0) g_predictions.fetch_add(1);
 }
 
-void onInputPoints(const StylusTouchPoint*, int) { g_inputCallbacks.fetch_add(1); }
+void onInputPoints(const StylusTouchPoint* points, int count) {
+    g_inputCallbacks.fetch_add(1);
+    if (count > 0) g_lastDelivered.store(points[count - 1].timestamp);
+}
 
 // A pen circling at 240 Hz; the first sample of all puts the pen down.
 std::vector<StylusTouchPoint> batch(int index) {
@@ -135,8 +137,10 @@ std::vector<StylusTouchPoint> batch(int index) {
     return samples;
 }
 
-void waitUntilProcessed(StylusLibHandle* handle) {
-    while (areAllInputPointsProcessed(handle) == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+// "All processed" turns true between a batch's pop and its prediction, so a count read then can miss
+// the batch's callbacks; the newest sample handed back to the host says the batch is through.
+bool waitUntilDelivered(const std::vector<StylusTouchPoint>& last) {
+    return testsupport::waitUntil([&] { return g_lastDelivered.load() == last.back().timestamp; });
 }
 
 }  // namespace
@@ -174,7 +178,7 @@ TEST(AllocationCountTest, InferenceThreadAllocatesNothingPerBatchOnceTheHistoryI
     std::vector<std::vector<StylusTouchPoint>> batches;
     for (int b = 0; b < kWarmUpBatches + kMeasuredBatches; ++b) batches.push_back(batch(b));
     for (int b = 0; b < kWarmUpBatches; ++b) ASSERT_EQ(sendInputTouchPoints(handle, batches[b].data(), kBatchSize), 0);
-    waitUntilProcessed(handle);
+    ASSERT_TRUE(waitUntilDelivered(batches[kWarmUpBatches - 1]));
     const int warmPredictions = g_predictions.load();
     ASSERT_GT(warmPredictions, 0);
 
@@ -182,7 +186,7 @@ TEST(AllocationCountTest, InferenceThreadAllocatesNothingPerBatchOnceTheHistoryI
     for (int b = kWarmUpBatches; b < kWarmUpBatches + kMeasuredBatches; ++b) {
         ASSERT_EQ(sendInputTouchPoints(handle, batches[b].data(), kBatchSize), 0);
     }
-    waitUntilProcessed(handle);
+    ASSERT_TRUE(waitUntilDelivered(batches.back()));
     g_armed = false;
     DeInitStylusLib(handle);
 
