@@ -60,10 +60,15 @@ class Cell:
                     "cv": np.linalg.norm(ds.cv - ds.disp, axis=2),
                     "ls3": np.linalg.norm(ds.ls3 - ds.disp, axis=2)}
         self.valid = ds.valid
-        self.in_stroke = int(ds.valid.sum())
-        self.dropped_in = int((drop & ds.valid).sum())
-        self.past_end = int((~ds.valid).sum())
-        self.caught = int((drop & ~ds.valid).sum())
+        # Per horizon: a pen-up 4 ms ahead is far harder to see coming than one 20 ms ahead.
+        self.in_stroke_h = ds.valid.sum(axis=0)
+        self.dropped_in_h = (drop & ds.valid).sum(axis=0)
+        self.past_end_h = (~ds.valid).sum(axis=0)
+        self.caught_h = (drop & ~ds.valid).sum(axis=0)
+        self.in_stroke = int(self.in_stroke_h.sum())
+        self.dropped_in = int(self.dropped_in_h.sum())
+        self.past_end = int(self.past_end_h.sum())
+        self.caught = int(self.caught_h.sum())
 
     def stats(self, h):
         """{name: (count, mean, p95)} at horizon index h."""
@@ -107,6 +112,7 @@ def pooled(cells, keys):
     p.valid = np.concatenate([c.valid for c in parts])
     for f in ("in_stroke", "dropped_in", "past_end", "caught"):
         setattr(p, f, sum(getattr(c, f) for c in parts))
+        setattr(p, f + "_h", sum(getattr(c, f + "_h") for c in parts))
     p.stats = lambda h: Cell.stats(p, h)
     return p
 
@@ -122,15 +128,22 @@ def ratios(cell, p):
     return out
 
 
+def share(part, whole, fmt):
+    return (fmt + " of %d") % (100.0 * part / whole, whole) if whole else "-"
+
+
 def horizon_table(cell, hz, title):
     lines = ["%s (%d prediction points; %d of %d in-stroke points dropped, %d of %d past-end points caught)" % (
         title, cell.points, cell.dropped_in, cell.in_stroke, cell.caught, cell.past_end), "",
-        "| horizon ms | points | model mean | CV mean | LS3 mean | model p95 | CV p95 | LS3 p95 |",
-        "|---:|---:|---:|---:|---:|---:|---:|---:|"]
+        "| horizon ms | points | model mean | CV mean | LS3 mean | model p95 | CV p95 | LS3 p95 "
+        "| in-stroke dropped | past-end caught |",
+        "|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"]
     for h, ms in enumerate(hz):
         s = cell.stats(h)
-        lines.append("| %d | %d | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f |" % (
-            ms, s["model"][0], s["model"][1], s["cv"][1], s["ls3"][1], s["model"][2], s["cv"][2], s["ls3"][2]))
+        lines.append("| %d | %d | %.3f | %.3f | %.3f | %.3f | %.3f | %.3f | %s | %s |" % (
+            ms, s["model"][0], s["model"][1], s["cv"][1], s["ls3"][1], s["model"][2], s["cv"][2], s["ls3"][2],
+            share(cell.dropped_in_h[h], cell.in_stroke_h[h], "%.3f %%"),
+            share(cell.caught_h[h], cell.past_end_h[h], "%.1f %%")))
     return "\n".join(lines)
 
 
@@ -151,12 +164,13 @@ def grid_table(cells, hz, rows, label):
     return "\n".join(lines)
 
 
-def report(predict, cfg, files, rates, batches, title, per_file_batch=4, summary=None):
+def report(predict, cfg, files, rates, batches, title, per_file_batch=4, summary=None, sets=None):
     """Markdown: pooled per-horizon table, per rate and batch size, per recording. `summary`, a
-    dict, receives the worst ratio, the losing cells, the pooled last-horizon mean and the drops."""
+    dict, receives the worst ratio, the losing cells, the pooled last-horizon mean and the drops.
+    `sets`, the files' datasets at those rates when the caller has them already."""
     p = cfg.num_predictions
     hz = [cfg.prediction_time_delta_ms * (k + 1) for k in range(p)]
-    sets = datasets(cfg, files, rates)
+    sets = sets if sets is not None else datasets(cfg, files, rates)
     cells = sweep(predict, cfg, sets, batches, cfg.stroke_end_thres)
     keys = list(cells)
     out = [horizon_table(pooled(cells, keys), hz, "%s, everything pooled" % title), ""]

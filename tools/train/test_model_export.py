@@ -279,5 +279,25 @@ class GroupPushTest(unittest.TestCase):
         self.assertEqual(push.mult.max(), train.GroupPush.CAP)
 
 
+class EndTradeoffTest(unittest.TestCase):
+    """The card's table of stroke-end drops against catches, on logits whose answers are known."""
+
+    def test_shares_per_threshold_and_the_threshold_that_catches_half(self):
+        p = 2
+        valid = np.ones((1000, p), bool)
+        valid[900:, 1] = False            # 100 past-end points, all at the last horizon
+        logits = np.full((1000, p), -5.0)
+        logits[:3, 1] = 5.0               # 3 of 1000 in-stroke points at the last horizon look like an end
+        logits[900:950, 1] = 5.0          # half of the past-end points are seen, sigmoid 0.9933
+        logits[950:, 1] = 0.0             # the other half are not (sigmoid 0.5)
+        rows = {line.split(" | ")[0].lstrip("| "): line for line in
+                train.end_tradeoff_table(logits, valid, 0.95, thresholds=(0.9, 0.995)).splitlines()[2:]}
+        self.assertEqual(list(rows), ["0.900", "0.950 (shipped)", "0.995", "0.993 (half caught)"])
+        # 3 of 1900 in-stroke points over both horizons, 3 of 900 at the last
+        self.assertEqual(rows["0.950 (shipped)"], "| 0.950 (shipped) | 0.158 % | 50.0 % | 0.333 % | 50.0 % |")
+        self.assertEqual(rows["0.995"], "| 0.995 | 0.000 % | 0.0 % | 0.000 % | 0.0 % |")
+        self.assertIn("| 0.993 (half caught) | 0.158 % | 50.0 % |", rows["0.993 (half caught)"])
+
+
 if __name__ == "__main__":
     unittest.main()
