@@ -414,6 +414,11 @@ def validation_sets(s):
     return cfg, evaluate.datasets(cfg, val, VAL_RATES)
 
 
+# Stroke-end thresholds tried, highest first, in steps of 0.001: near the top a coarser step gives
+# away a share of the catches.
+THRESHOLDS = np.round(np.arange(0.999, 0.0495, -0.001), 3)
+
+
 def end_logits(predict, sets):
     """(stroke-end logits, in-stroke flags), both [K, P], of every point of the validation sweep
     (every recording, rate and batch size pooled)."""
@@ -432,8 +437,7 @@ def choose_threshold(s, predict, sets):
     sweep stays at or under the limit."""
     logits, valid = end_logits(predict, sets)
     inside = np.sort(logits[valid])
-    # Steps of 0.001: near the top a coarser step gives away a share of the catches.
-    grid = np.round(np.arange(0.999, 0.0495, -0.001), 3)
+    grid = THRESHOLDS
     dropped = len(inside) - np.searchsorted(inside, evaluate.logit_threshold(grid), side="left")
     ok = dropped <= s["max_in_stroke_drops"] * len(inside)
     # The lowest threshold before the first one over the limit.
@@ -676,7 +680,7 @@ def end_tradeoff_table(logits, valid, shipped, thresholds=(0.9, 0.93, 0.95, 0.97
     for thres in sorted(set(thresholds) | {shipped}):
         lines.append(row(thres, "%.3f (shipped)" % thres if thres == shipped else "%.3f" % thres))
     # Catches only grow as the threshold falls: the highest threshold that still catches half.
-    grid = np.round(np.arange(0.999, 0.0495, -0.001), 3)
+    grid = THRESHOLDS
     past = np.sort(logits[~valid])
     caught = len(past) - np.searchsorted(past, evaluate.logit_threshold(grid), side="left")
     half = np.flatnonzero(caught >= 0.5 * len(past))
