@@ -419,6 +419,12 @@ def validation_sets(s):
 THRESHOLDS = np.round(np.arange(0.999, 0.0495, -0.001), 3)
 
 
+def dropped_at_thresholds(logits):
+    """Per threshold of THRESHOLDS: how many of these stroke-end logits it drops."""
+    ordered = np.sort(logits)
+    return len(ordered) - np.searchsorted(ordered, evaluate.logit_threshold(THRESHOLDS), side="left")
+
+
 def end_logits(predict, sets):
     """(stroke-end logits, in-stroke flags), both [K, P], of every point of the validation sweep
     (every recording, rate and batch size pooled)."""
@@ -436,12 +442,9 @@ def choose_threshold(s, predict, sets):
     """Lowest stroke-end probability threshold whose in-stroke drop share over the whole validation
     sweep stays at or under the limit."""
     logits, valid = end_logits(predict, sets)
-    inside = np.sort(logits[valid])
-    grid = THRESHOLDS
-    dropped = len(inside) - np.searchsorted(inside, evaluate.logit_threshold(grid), side="left")
-    ok = dropped <= s["max_in_stroke_drops"] * len(inside)
+    ok = dropped_at_thresholds(logits[valid]) <= s["max_in_stroke_drops"] * valid.sum()
     # The lowest threshold before the first one over the limit.
-    best = grid[0] if not ok[0] else grid[np.argmin(ok) - 1] if not ok.all() else grid[-1]
+    best = THRESHOLDS[0] if not ok[0] else THRESHOLDS[np.argmin(ok) - 1] if not ok.all() else THRESHOLDS[-1]
     return float(best)
 
 
@@ -680,12 +683,9 @@ def end_tradeoff_table(logits, valid, shipped, thresholds=(0.9, 0.93, 0.95, 0.97
     for thres in sorted(set(thresholds) | {shipped}):
         lines.append(row(thres, "%.3f (shipped)" % thres if thres == shipped else "%.3f" % thres))
     # Catches only grow as the threshold falls: the highest threshold that still catches half.
-    grid = THRESHOLDS
-    past = np.sort(logits[~valid])
-    caught = len(past) - np.searchsorted(past, evaluate.logit_threshold(grid), side="left")
-    half = np.flatnonzero(caught >= 0.5 * len(past))
+    half = np.flatnonzero(dropped_at_thresholds(logits[~valid]) >= 0.5 * (~valid).sum())
     if len(half):
-        lines.append(row(grid[half[0]], "%.3f (half caught)" % grid[half[0]]))
+        lines.append(row(THRESHOLDS[half[0]], "%.3f (half caught)" % THRESHOLDS[half[0]]))
     return "\n".join(lines)
 
 
