@@ -270,10 +270,12 @@ TEST_F(PredictiveMetricCalculatorTest, FileRoundTripKeepsExactBytesAndLogsValues
 
 TEST_F(PredictiveMetricCalculatorTest, AnySeparatorAndTheLargestCountAreAccepted) {
     const std::pair<std::string, std::string> files[] = {
-        {"5;1;2;3;0.25", "5,1,2,3,0.25"},
-        {"5 1 2 3 0.25\n", "5,1,2,3,0.25"},
+        {"5;1;2;4;0.25", "5,1,2,4,0.25"},
+        {"5 1 2 4 0.25\n", "5,1,2,4,0.25"},
         {"4294967295,1,-180,32400,1", "4294967295,1,-180,32400,1"},
-        {"0,1000,180,0,0", "0,1000,180,0,0"},
+        {"0,1000,180,32400,0", "0,1000,180,32400,0"},
+        // The mean square may sit below the squared mean by the rounding of six digits.
+        {"5,1,3,8.99999,0", "5,1,3,8.99999,0"},
     };
     for (const auto& [content, restored] : files) {
         SCOPED_TRACE(content);
@@ -289,8 +291,8 @@ TEST_F(PredictiveMetricCalculatorTest, AnySeparatorAndTheLargestCountAreAccepted
     EXPECT_EQ(calc->getEventCount(), 1000u);
 }
 
-// A torn, foreign or poisoned file would steer the means for good: it is not used, whether read at
-// construction or later, and the statistics start from zero.
+// A torn, foreign, inconsistent or poisoned file would steer the means for good: it is not used,
+// whether read at construction or later, and the statistics start from zero.
 TEST_F(PredictiveMetricCalculatorTest, BadMetricsFileStartsFreshAndLogsWhy) {
     const struct {
         std::vector<std::string> contents;
@@ -298,12 +300,17 @@ TEST_F(PredictiveMetricCalculatorTest, BadMetricsFileStartsFreshAndLogsWhy) {
     } files[] = {
         {{"-1,1,0,0,0", "4294967296,1,0,0,0", "+5,1,0,0,0", "", "abc"},
          "event count is not an integer from 0 to 4294967295"},
-        {{"5,1e39,0,0,0", "5,-1,0,0,0", "5,nan,0,0,0", "5,inf,0,0,0", "5,1001,0,0,0"},
+        {{"5,1e39,0,0,0", "5,-1,0,0,0", "5,nan,0,0,0", "5,inf,0,0,0", "5,1001,0,0,0", "5,,1,0,0,0"},
          "distance error mean is missing or not a number from 0 to 1000"},
-        {{"5,1", "5,1,-181,0,0"}, "angle deviation mean is missing or not a number from -180 to 180"},
-        {{"5,1,2", "5,1,2,-3,0"}, "angle deviation mean square is missing or not a number from 0 to 32400"},
-        {{"5,1,2,3,1.5"}, "large error rate is missing or not a number from 0 to 1"},
-        {{"5,1,2,3,4e-1,6", "5,1,2,3,0.4x"}, "more than five fields"},
+        {{"5,1,-181,0,0"}, "angle deviation mean is missing or not a number from -180 to 180"},
+        {{"5,1,2,-3,0"}, "angle deviation mean square is missing or not a number from 0 to 32400"},
+        {{"5,1,2,4,1.5", "5,1,2,4,"}, "large error rate is missing or not a number from 0 to 1"},
+        // Four fields, however their characters could be split into five.
+        {{"5.1,2,4,0.4", "5e1,2,4,0.4", "5-1,2,4,0.4"}, "no separator before the distance error mean"},
+        {{"5,1"}, "no separator before the angle deviation mean"},
+        {{"5,1,2,4"}, "no separator before the large error rate"},
+        {{"5,1,2,4,4e-1,6", "5,1,2,4,0.4x"}, "more than five fields"},
+        {{"5,1,3,8.9,0.4", "5,1,-10,99,0"}, "angle deviation mean square is below the squared mean"},
         {{std::string(300, '1')}, "longer than 256 bytes"},
     };
     for (const auto& [contents, reason] : files) {
@@ -346,7 +353,8 @@ TEST_F(PredictiveMetricCalculatorTest, SaveReplacesTheFileWholeByRename) {
     boost::filesystem::create_directories(blocked + "/inside");
     LogCapture log;
     calc->saveMetrics(blocked);
-    EXPECT_EQ(log.priorityOf("Error in writing file : " + blocked + " (Is a directory)"), velmar::Error);
+    EXPECT_EQ(log.priorityOf("Error in writing file : " + blocked + " (cannot rename the temporary file: Is a directory)"),
+              velmar::Error);
     EXPECT_EQ(testsupport::filesIn(dir.path()), (std::vector<std::string>{blocked, path}));
 }
 

@@ -2,9 +2,6 @@
 
 #include "PredictiveMetricCalculator.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -13,12 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <locale>
 #include <sstream>
 
 #include "CacheTouch.h"
+#include "SharedDirectoryFile.h"
 #include "velmar/Log.h"
 
 namespace styluspipeline {
@@ -41,7 +38,9 @@ constexpr float kLargeAngleErrorDeg = 50.0f;
 constexpr float kMaxDistanceErrorMm = 1000.0f;
 constexpr float kMaxAngleDeg = 180.0f;
 // Longer than any line this class writes.
-constexpr std::streamsize kMaxMetricsFileBytes = 256;
+constexpr size_t kMaxMetricsFileBytes = 256;
+// Readable by every user, writable by the service alone.
+constexpr mode_t kMetricsFileMode = 0644;
 
 // The statistics as the file holds them, or the reason the file cannot be trusted.
 struct MetricsFileContent {
@@ -53,17 +52,18 @@ struct MetricsFileContent {
     std::string problem;
 };
 
-// Five fields, any one character between them, nothing but blanks after the last. The count is a
-// plain decimal within 32 bits; each mean must be one the running statistics can reach.
-MetricsFileContent parseMetrics(std::istream& file) {
+// Between two fields: one character that cannot belong to a number, so that "5.1,2,3,0.4" (four
+// fields) is not read as five.
+bool isSeparator(int c) {
+    return c != std::char_traits<char>::eof() && (std::ispunct(c) || std::isspace(c)) && c != '.' && c != '+' &&
+           c != '-';
+}
+
+// Five fields, one separator between them, nothing but blanks after the last. The count is a plain
+// decimal within 32 bits; each mean must be one the running statistics can reach, and the mean
+// square cannot be below the squared mean (a negative variance).
+MetricsFileContent parseMetrics(const std::string& text) {
     MetricsFileContent content;
-    std::string text(static_cast<size_t>(kMaxMetricsFileBytes) + 1, '\0');
-    file.read(&text[0], kMaxMetricsFileBytes + 1);
-    text.resize(static_cast<size_t>(file.gcount()));
-    if (text.size() > static_cast<size_t>(kMaxMetricsFileBytes)) {
-        content.problem = "longer than " + std::to_string(kMaxMetricsFileBytes) + " bytes";
-        return content;
-    }
     std::istringstream in(text);
     in.imbue(std::locale::classic());
     uint64_t count = 0;
@@ -86,8 +86,12 @@ MetricsFileContent parseMetrics(std::istream& file) {
         {"large error rate", &content.largeRate, 0.0, 1.0},
     };
     for (const auto& mean : means) {
+        if (!isSeparator(in.get())) {
+            content.problem = std::string("no separator before the ") + mean.name;
+            return content;
+        }
         double value = 0.0;
-        if (in.get() == std::char_traits<char>::eof() || !(in >> value) || !(value >= mean.min && value <= mean.max)) {
+        if (!(in >> value) || !(value >= mean.min && value <= mean.max)) {
             std::ostringstream problem;
             problem << mean.name << " is missing or not a number from " << mean.min << " to " << mean.max;
             content.problem = problem.str();
@@ -98,6 +102,12 @@ MetricsFileContent parseMetrics(std::istream& file) {
     in >> std::ws;
     if (!in.eof()) {
         content.problem = "more than five fields";
+        return content;
+    }
+    // Each field is written with six significant digits: allow for their rounding.
+    const double squaredMean = static_cast<double>(content.angleMean) * content.angleMean;
+    if (content.angleMeanSquare < squaredMean * (1.0 - 2e-5) - 1e-6) {
+        content.problem = "angle deviation mean square is below the squared mean";
     }
     return content;
 }
@@ -119,6 +129,12 @@ PredictiveMetricCalculator::PredictiveMetricCalculator(float pixel_per_inch, flo
       mmPerPixel(mm_per_inch / pixel_per_inch),
       metricsFilePath(std::move(metricsFilePath)) {
     VELMAR_LOG(velmar::Info, kTag, "PredictiveMetricCalculator constructor");
+    // Left by a process killed between writing a save and renaming it.
+    const int stale = shareddirectory::removeStaleTemporaries(this->metricsFilePath);
+    if (stale > 0) {
+        VELMAR_LOG(velmar::Warning, kTag,
+                   "Removed " << stale << " temporary files an interrupted save left beside " << this->metricsFilePath);
+    }
     loadMetrics(this->metricsFilePath);
 }
 
@@ -300,12 +316,19 @@ void PredictiveMetricCalculator::clearStats() {
 }
 
 void PredictiveMetricCalculator::loadMetrics(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in.good()) {
+    std::string text;
+    std::string reason;
+    bool notFound = false;
+    if (!shareddirectory::readSmall(path, kMaxMetricsFileBytes, text, reason, notFound) && notFound) {
         VELMAR_LOG(velmar::Error, kTag, "Error in reading file: " << path);
         return;
     }
-    const MetricsFileContent content = parseMetrics(in);
+    MetricsFileContent content;
+    if (reason.empty()) {
+        content = parseMetrics(text);
+    } else {
+        content.problem = reason;
+    }
     if (!content.problem.empty()) {
         // A torn, foreign or poisoned file would steer every later mean; measuring again is safer.
         VELMAR_LOG(velmar::Error, kTag, "Metrics file " << path << " not used (" << content.problem
@@ -328,8 +351,9 @@ void PredictiveMetricCalculator::loadMetrics(const std::string& path) {
                                       << content.largeRate);
 }
 
-// Written beside the file and renamed over it, so that a reader (another process starting) sees
-// either the old statistics or the new ones, never a truncated file.
+// Written beside the file under a name nobody can guess and renamed over it, so that a reader
+// (another process starting) sees either the old statistics or the new ones, never a truncated file,
+// and a link planted under either name is replaced, never written through.
 void PredictiveMetricCalculator::saveMetrics(const std::string& path) {
     const uint32_t count = get(eventCount);
     const float distance = get(distanceErrorMean);
@@ -341,41 +365,14 @@ void PredictiveMetricCalculator::saveMetrics(const std::string& path) {
     line << count << ',' << distance << ',' << angleMean << ',' << angleMeanSquare << ',' << largeRate;
     const std::string text = line.str();
 
-    // One name per process and save, so that neither a second process nor a second calculator
-    // writes into this temporary file.
-    static std::atomic<uint32_t> saves{0};
-    const std::string temporary =
-        path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(saves.fetch_add(1, std::memory_order_relaxed));
-    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        VELMAR_LOG(velmar::Error, kTag, "Error in opening file : " << path);
-        return;
-    }
-    int error = 0;
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
+    std::string reason;
+    bool created = false;
+    if (!shareddirectory::replace(path, text, kMetricsFileMode, reason, created)) {
+        if (!created) {
+            VELMAR_LOG(velmar::Error, kTag, "Error in opening file : " << path);
+        } else {
+            VELMAR_LOG(velmar::Error, kTag, "Error in writing file : " << path << " (" << reason << ")");
         }
-        if (n <= 0) {
-            error = n < 0 ? errno : EIO;
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    // On disk before the rename: a crash must not leave the new name on an empty file.
-    if (fsync(fd) != 0 && error == 0) {
-        error = errno;
-    }
-    if (close(fd) != 0 && error == 0) {
-        error = errno;
-    }
-    if (error == 0 && std::rename(temporary.c_str(), path.c_str()) != 0) {
-        error = errno;
-    }
-    if (error != 0) {
-        VELMAR_LOG(velmar::Error, kTag, "Error in writing file : " << path << " (" << std::strerror(error) << ")");
-        std::remove(temporary.c_str());
         return;
     }
     VELMAR_LOG(velmar::Info, kTag,

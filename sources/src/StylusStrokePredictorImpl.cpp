@@ -8,10 +8,12 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <fstream>
+#include <locale>
+#include <sstream>
 #include <vector>
 
 #include "CacheTouch.h"
+#include "SharedDirectoryFile.h"
 #include "velmar/Log.h"
 
 #define VELMAR_LOG_SOURCE "src/StylusStrokePredictorImpl"
@@ -327,22 +329,34 @@ bool StylusStrokePredictorImpl::controlDataWriting(bool enable) {
     return true;
 }
 
+// The consent file lies in the recording directory, which another process may write into: it is
+// read only if it is a small regular file, and replaced rather than written through (see
+// SharedDirectoryFile.h).
 bool StylusStrokePredictorImpl::getUserDataCollectConsentFromPersistenceFile(const std::string& path, int& value) {
-    std::ifstream file(path);
-    if (!file.is_open()) {
+    constexpr size_t kMaxConsentFileBytes = 4096;
+    std::string text;
+    std::string reason;
+    bool notFound = false;
+    if (!shareddirectory::readSmall(path, kMaxConsentFileBytes, text, reason, notFound)) {
+        if (!notFound) {
+            VELMAR_LOG(velmar::Warning, logTag, "Consent file " << path << " not read (" << reason << ")");
+        }
         return false;
     }
-    file >> value;
+    std::istringstream in(text);
+    in.imbue(std::locale::classic());
+    in >> value;
     return true;
 }
 
 bool StylusStrokePredictorImpl::setUserDataCollectConsentToPersistenceFile(const std::string& path, int value) {
-    std::ofstream file(path, std::ios::out | std::ios::trunc);
-    if (!file.is_open()) {
+    constexpr mode_t kConsentFileMode = 0644;
+    std::string reason;
+    bool created = false;
+    if (!shareddirectory::replace(path, std::to_string(value), kConsentFileMode, reason, created)) {
+        VELMAR_LOG(velmar::Warning, logTag, "Consent file " << path << " not written (" << reason << ")");
         return false;
     }
-    file << value;
-    file.close();
     return true;
 }
 
