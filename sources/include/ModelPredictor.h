@@ -40,8 +40,11 @@ public:
 
     // Adds the new samples (keyed by timestamp) to the history and, once the history is full,
     // predicts. True when out was written. strokeBoundary resets all stroke state first; so do
-    // samples older than the stroke's newest one. Predicted points are finite and within
-    // kMaxPredictedCoordinatePx of the origin; others are dropped like stroke-end points.
+    // samples older than the stroke's newest one. A batch of any length leaves the same history as
+    // the same samples sent one by one. A predicted point lies no farther from the newest sample
+    // than max_pen_speed_mm_per_s covers in its horizon (farther ones are pulled back onto that
+    // reach), and is finite and within kMaxPredictedCoordinatePx of the origin (others are dropped
+    // like stroke-end points). Predicted timestamps saturate at the ends of the 64-bit range.
     bool predictStylusTouchPoints(const std::map<unsigned long, StylusTouchPoint>& points, bool strokeBoundary,
                                   PredictedStylusTouchPointsCpp& out);
 
@@ -72,6 +75,8 @@ private:
     void clearStroke();
     void fillFromStrokeHistory();
     void stageBatch(const std::map<unsigned long, StylusTouchPoint>& points);
+    void stageSteps(const StylusTouchPoint& before, std::map<unsigned long, StylusTouchPoint>::const_iterator first,
+                    std::map<unsigned long, StylusTouchPoint>::const_iterator end, size_t count);
     void appendRow(const StylusTouchPoint& d);
     // logDrops: report points dropped for being out of range.
     void decodePredictions(std::vector<PredictedStylusCoordinate>& predictions, bool logDrops) const;

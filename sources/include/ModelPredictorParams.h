@@ -31,6 +31,9 @@ struct ModelPredictorParams {
     uint32_t target_event_count = 50000;     // metric weight cap
     uint32_t save_metrics_interval = 5000;   // measured points between metric saves
     std::string inference_engine = "auto";   // auto, xnnpack or armnn (see talcflow::TALCEngine)
+    // Fastest a pen is taken to move: no predicted point lies farther from the newest sample than
+    // this speed covers in the point's horizon.
+    float max_pen_speed_mm_per_s = 1000.0f;
 };
 
 }  // namespace styluspipeline

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <iterator>
+#include <limits>
 #include <stdexcept>
 
 #include "CacheTouch.h"
@@ -94,6 +96,17 @@ uint32_t historyLengthFittingModel(const talcflow::TALCModelRunner& runner, cons
     return p.num_historcal_points;
 }
 
+// base moved by step ms, held at 0 and at the largest timestamp instead of wrapping round.
+uint64_t timestampAhead(uint64_t base, int64_t step) {
+    constexpr uint64_t kLatest = std::numeric_limits<uint64_t>::max();
+    if (step >= 0) {
+        const uint64_t ahead = static_cast<uint64_t>(step);
+        return base > kLatest - ahead ? kLatest : base + ahead;
+    }
+    const uint64_t back = static_cast<uint64_t>(-(step + 1)) + 1;
+    return base < back ? 0 : base - back;
+}
+
 int64_t microsecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(to - from).count() / 1000;
 }
@@ -179,9 +192,7 @@ void ModelPredictor::fillFromStrokeHistory() {
     for (int32_t i = 0; i < padding; ++i) {
         stagingFeatures.push_back(firstStep);
     }
-    for (auto previous = first, current = std::next(first); current != strokeHistory.end(); ++previous, ++current) {
-        appendRow(diffFunction(current->second, &previous->second));
-    }
+    stageSteps(first->second, std::next(first), strokeHistory.end(), strokeHistory.size() - 1);
     const auto newest = std::prev(strokeHistory.end());
     lastTimestamp = newest->first;
     lastPoint = newest->second;
@@ -190,24 +201,28 @@ void ModelPredictor::fillFromStrokeHistory() {
 
 void ModelPredictor::stageBatch(const std::map<unsigned long, StylusTouchPoint>& points) {
     stagingFeatures.clear();
-    const size_t historyLength = params.num_historcal_points;
-    if (points.size() >= historyLength + 1) {
-        // The batch alone covers the whole history; the raw difference keeps the model's view of a
-        // long batch independent of the pressure setting.
-        auto previous = std::next(points.begin(), static_cast<std::ptrdiff_t>(points.size() - historyLength - 1));
-        for (auto current = std::next(previous); current != points.end(); ++previous, ++current) {
-            appendRow(current->second.diff(&previous->second));
-        }
-    } else {
-        appendRow(diffFunction(points.begin()->second, &lastPoint));
-        for (auto previous = points.begin(), current = std::next(previous); current != points.end();
-             ++previous, ++current) {
-            appendRow(diffFunction(current->second, &previous->second));
-        }
-    }
+    stageSteps(lastPoint, points.begin(), points.end(), points.size());
     const auto newest = std::prev(points.end());
     lastTimestamp = newest->first;
     lastPoint = newest->second;
+}
+
+// Stages one row per sample of [first, end) (count of them), each against the sample before it,
+// the first against before. Rows that would be shifted out of the history at once are skipped
+// without being built, so a batch of any length yields exactly the history its samples would give
+// one at a time, and the staging vector never grows past the history.
+void ModelPredictor::stageSteps(const StylusTouchPoint& before,
+                                std::map<unsigned long, StylusTouchPoint>::const_iterator first,
+                                std::map<unsigned long, StylusTouchPoint>::const_iterator end, size_t count) {
+    const StylusTouchPoint* previous = &before;
+    for (size_t skipped = count - std::min<size_t>(count, params.num_historcal_points); skipped > 0; --skipped) {
+        previous = &first->second;
+        ++first;
+    }
+    for (; first != end; ++first) {
+        appendRow(diffFunction(first->second, previous));
+        previous = &first->second;
+    }
 }
 
 void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& predictions, bool logDrops) const {
@@ -215,16 +230,33 @@ void ModelPredictor::decodePredictions(std::vector<PredictedStylusCoordinate>& p
     const int64_t available = std::min<int64_t>(output0ElementCount / 2, output1ElementCount);
     const int64_t count = std::min<int64_t>(params.num_predictions, available);
     const float pixelsPerMm = static_cast<float>(params.pixel_per_inch) / params.mm_per_inch;
+    const float reachPerMsPx = params.max_pen_speed_mm_per_s / 1000.0f * pixelsPerMm;
     const int64_t delta = params.prediction_time_delta_ms;
     for (int64_t i = 0; i < count; ++i) {
-        const uint64_t timestamp = lastTimestamp + static_cast<uint64_t>(delta * (i + 1));
-        const float x = lastPoint.x_pos + output0Data[2 * i] * pixelsPerMm;
-        const float y = lastPoint.y_pos + output0Data[2 * i + 1] * pixelsPerMm;
+        const int64_t horizonMs = delta * (i + 1);
+        const uint64_t timestamp = timestampAhead(lastTimestamp, horizonMs);
+        float dx = output0Data[2 * i] * pixelsPerMm;
+        float dy = output0Data[2 * i + 1] * pixelsPerMm;
         const float probability = 1.0f / (1.0f + expf(-output1Data[i]));
         // Written so that a NaN probability is dropped too.
         if (!(probability < params.stroke_end_thres)) {
             continue;
         }
+        // An outlier sample makes the model answer with a leap no pen makes: keep the direction,
+        // shorten the step to what the fastest pen covers in this horizon.
+        const float reach = reachPerMsPx * static_cast<float>(std::llabs(horizonMs));
+        const float distance = std::hypot(dx, dy);
+        if (distance > reach) {
+            if (logDrops) {
+                VELMAR_LOG(velmar::Debug, logTag,
+                           "Predicted step of " << distance << " px beyond the pen's reach of " << reach
+                                                << " px, shortened");
+            }
+            dx *= reach / distance;  // an infinite step becomes NaN and is dropped below
+            dy *= reach / distance;
+        }
+        const float x = lastPoint.x_pos + dx;
+        const float y = lastPoint.y_pos + dy;
         // A NaN or absurd input sample, or a model gone wild, yields points no screen has.
         if (!(std::fabs(x) <= kMaxPredictedCoordinatePx && std::fabs(y) <= kMaxPredictedCoordinatePx)) {
             if (logDrops) {

@@ -135,8 +135,8 @@ void StylusStrokePredictorImpl::runModelInference() {
             ok = modelPredictor.predictStylusTouchPoints(message.points, message.hasStrokeBoundary, result);
         } catch (const std::exception& error) {
             // An exception leaving this thread would end the host process. The predictor throws only
-            // on batches its history cannot take (a first batch longer than the history); that batch
-            // yields no prediction and the thread goes on with the next one.
+            // when the runtime or the metrics fail; that batch yields no prediction and the thread
+            // goes on with the next one.
             VELMAR_LOG(velmar::Error, logTag, "Prediction failed : " << error.what());
         }
 
