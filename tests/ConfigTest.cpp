@@ -131,7 +131,15 @@ TEST(ConfigTest, InfoIncludesAreBoundedInDepthAndCount) {
         // the second include of wide1 is the 65th.
         {dir.file("wide0.info"), dir.file("wide1.info") + "(2)"},
     };
-    for (const auto& [path, where] : refused) {
+    // Every spelling the parser takes for a directive counts, blanks after the '#' and escapes included.
+    std::vector<std::pair<std::string, std::string>> spelled(std::begin(refused), std::end(refused));
+    for (const std::string directive : {"# include", "#\tinclude", "  #   include  ", "#include\t"}) {
+        const std::string name = "spelled'" + std::to_string(spelled.size()) + ".info";
+        const std::string path = dir.file(name);
+        writeFile(path, "k 1\n" + directive + " \"" + dir.file("spelled\\'") + name.substr(8) + "\"\n");
+        spelled.push_back({path, path + "(2)"});
+    }
+    for (const auto& [path, where] : spelled) {
         SCOPED_TRACE(path);
         const std::string error = loadError(path);
         EXPECT_NE(error.find(where), std::string::npos) << error;

@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+#include <boost/property_tree/detail/file_parser_error.hpp>
 #include <boost/property_tree/exceptions.hpp>
+#include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/xml_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <sstream>
 #include <utility>
@@ -12,6 +15,7 @@
 #include <tuple>
 #include <vector>
 
+#include "ModelPredictor.h"
 #include "PredictorParams.h"
 #include "TestSupport.h"
 
@@ -40,10 +44,16 @@ protected:
             tree.put(std::string("PredictionModel.feature_") + feature + "_max", "2");
         }
         for (const auto& [key, value] : keys) {
-            tree.put(key, value);
+            tree.put(boost::property_tree::ptree::path_type(key, '.'), value);
         }
         std::ostringstream text;
-        boost::property_tree::write_json(text, tree);
+        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".ini") == 0) {
+            boost::property_tree::write_ini(text, tree);
+        } else if (name.size() > 4 && name.compare(name.size() - 4, 4, ".xml") == 0) {
+            boost::property_tree::write_xml(text, tree);
+        } else {
+            boost::property_tree::write_json(text, tree);
+        }
         return config(name, text.str());
     }
 
@@ -65,9 +75,10 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
     EXPECT_EQ(std::make_tuple(m.model_path, m.stroke_end_thres, m.num_predictions, m.prediction_time_delta_ms,
                               m.num_historcal_points, m.min_num_historical_points, m.mm_per_inch, m.pixel_per_inch,
                               m.feature_timestamp_min, m.feature_orientation_max, m.use_raw_pressure,
-                              m.target_event_count, m.save_metrics_interval, m.predictionErrorMeasurementWindow),
+                              m.target_event_count, m.save_metrics_interval, m.predictionErrorMeasurementWindow,
+                              m.max_pen_speed_mm_per_s),
               std::make_tuple(dir.path() + "/UNDEFINED", 0.5f, 5, 4, 25u, 25u, 25.4f, 213u, -2.0f, 2.0f, false, 50000u,
-                              5000u, 120));
+                              5000u, 120, 1000.0f));
     Lines expected{"Predictor Config File : " + path, "QueueFull Policy : Block", "Setting Info loglevel",
                    "Cpuset file name : ", "core affinity to use (if cpuset file is not specified) : -1",
                    "Input Config file Base Directory : \"" + dir.path() + "\"",
@@ -83,7 +94,8 @@ TEST_F(PredictorParamsTest, RangesOnlyConfigYieldsDefaultsAndLogsEverySettingInO
     expected.insert(expected.end(),
                     {"modelParams.use_raw_pressure : false", "modelParams.target_event_count : 50000",
                      "modelParams.save_metrics_interval : 5000", "modelParams.predictionErrorMeasurementWindow : 120",
-                     "modelParams.inference_engine : auto", "Enable debug writing : false",
+                     "modelParams.inference_engine : auto", "modelParams.max_pen_speed_mm_per_s : 1000",
+                     "Enable debug writing : false",
                      "canControlDataWritingAtRunTime : false", "chunkSizeInRecords : 100", "numChunksInFile : 100000",
                      "Data File Name Suffix : stylus_input_events", "Data File Directory : ", "diskFillPercentTh : 30",
                      "diskCheckPath : /data/", "inferenceSpinWindowUs : 1000"});
@@ -108,7 +120,7 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
                             "feature_timestamp_max": 20, "feature_ypos_min": -1, "feature_ypos_max": 1.5,
                             "feature_tilt_min": 0, "feature_tilt_max": 1, "feature_orientation_min": -0.5,
                             "feature_orientation_max": 0.5, "use_raw_pressure": true, "target_event_count": 7, "save_metrics_interval": 9,
-                            "predictionErrorWindow": 60}})");
+                            "predictionErrorWindow": 60, "max_pen_speed_mm_per_s": 750.5}})");
     LogCapture log;
     const PredictorParams p(path);
     const auto& m = p.modelParams;
@@ -119,6 +131,7 @@ TEST_F(PredictorParamsTest, ConfiguredValuesAreReadAndEchoed) {
                               std::string("s"), std::string("/data/x"), 80));
     EXPECT_EQ(p.diskCheckPath, "/data/x");
     EXPECT_EQ(p.inferenceSpinWindowUs, 2500);
+    EXPECT_EQ(m.max_pen_speed_mm_per_s, 750.5f);
     // The minimum history follows the history length when not given.
     EXPECT_EQ(std::make_tuple(m.model_path, m.stroke_end_thres, m.num_predictions, m.prediction_time_delta_ms,
                               m.num_historcal_points, m.min_num_historical_points, m.mm_per_inch, m.pixel_per_inch,
@@ -190,16 +203,96 @@ TEST_F(PredictorParamsTest, SpinWindowBoundsAreAccepted) {
     }
 }
 
-TEST_F(PredictorParamsTest, BareFileNamePutsModelAtRoot) {
-    const std::string path = withRanges({{"PredictionModel.model_name", "stylus.tflite"}}, "bare.json");
+// A bare file name lies in the working directory, and its model beside it there.
+TEST_F(PredictorParamsTest, BareFileNameResolvesAgainstTheWorkingDirectory) {
+    boost::filesystem::copy_file(testkit::generatedModel("const_n10_p5.tflite"), dir.file("stylus.tflite"));
+    withRanges({{"PredictionModel.model_name", "stylus.tflite"},
+                {"PredictionModel.num_historical_points", "10"}},
+               "bare.json");
     struct Restore {
         boost::filesystem::path cwd = boost::filesystem::current_path();
         ~Restore() { boost::filesystem::current_path(cwd); }
     } restore;
     boost::filesystem::current_path(dir.path());
     LogCapture log;
-    EXPECT_EQ(PredictorParams("bare.json").modelParams.model_path, "/stylus.tflite");
-    EXPECT_EQ(log.count("Input Config file Base Directory : \"\""), 1);
+    const PredictorParams p("bare.json");
+    EXPECT_EQ(p.modelParams.model_path, "./stylus.tflite");
+    EXPECT_EQ(log.count("Input Config file Base Directory : \".\""), 1);
+    EXPECT_NO_THROW(styluspipeline::ModelPredictor(p.modelParams, dir.file("runningMetrics.txt")));
+}
+
+// A key that nothing reads would silently leave its setting at the default: each is named with the
+// key it was probably meant to be. A key given twice would be read only once: it is refused.
+TEST_F(PredictorParamsTest, UnreadKeysAreWarnedAboutAndRepeatedKeysRefused) {
+    const struct {
+        const char* name;  // its extension picks the format
+        std::vector<std::pair<std::string, std::string>> keys;
+        Lines warnings;  // after the file name and ": "
+    } warned[] = {
+        {"misspelt.json", {{"PredictionModel.use_raw_presure", "true"}},
+         {"unknown key PredictionModel.use_raw_presure, ignored; nearest known key: PredictionModel.use_raw_pressure"}},
+        {"section.json", {{"PredictonModel.num_predictions", "3"}, {"Pipeline.logLevel", "INFO"}},
+         {"unknown key PredictonModel.num_predictions, ignored; nearest known key: "
+          "PredictionModel.num_predictions"}},
+        {"unknown.json", {{"Pipeline.colour.shade", "blue"}},
+         {"unknown key Pipeline.colour.shade, ignored; nearest known key: Pipeline.cpusetFile"}},
+        {"misplaced.json", {{"Pipeline.use_raw_pressure", "true"}, {"num_predictions", "3"}},
+         {"misplaced key Pipeline.use_raw_pressure, ignored: it is read as PredictionModel.use_raw_pressure",
+          "misplaced key num_predictions, ignored: it is read as PredictionModel.num_predictions"}},
+        {"misplaced.ini", {{"Pipeline.model_name", "x.tflite"}},
+         {"misplaced key Pipeline.model_name, ignored: it is read as PredictionModel.model_name"}},
+        {"comments.xml", {{"Pipeline.<xmlcomment>", "a note"}, {"Pipeline.<xmlcomment>", "another"}}, {}},
+    };
+    for (const auto& c : warned) {
+        SCOPED_TRACE(c.name);
+        const std::string path = withRanges(c.keys, c.name);
+        LogCapture log(velmar::Warning);
+        PredictorParams p(path);
+        Lines expected;
+        for (const auto& warning : c.warnings) {
+            expected.push_back(path + ": " + warning);
+        }
+        EXPECT_EQ(log.messagesAt(velmar::Warning), expected);
+    }
+    // The ranges are in every file below, so that nothing else is refused.
+    const std::string ranges = R"("feature_timestamp_min": 0, "feature_timestamp_max": 1, "feature_xpos_min": 0,
+        "feature_xpos_max": 1, "feature_ypos_min": 0, "feature_ypos_max": 1, "feature_tilt_min": 0,
+        "feature_tilt_max": 1, "feature_pressure_min": 0, "feature_pressure_max": 1,
+        "feature_orientation_min": 0, "feature_orientation_max": 1)";
+    const struct {
+        const char* name;
+        std::string text;
+        std::string refused;
+    } repeated[] = {
+        {"key.json", R"({"PredictionModel": {)" + ranges + R"(, "use_raw_pressure": true, "use_raw_pressure": false}})",
+         "PredictionModel.use_raw_pressure is given twice, first as \"true\", then as \"false\": only the first "
+         "would be read"},
+        {"section.json", R"({"PredictionModel": {)" + ranges + R"(}, "PredictionModel": {"num_predictions": 3}})",
+         "PredictionModel is given twice, first as a section, then as a section: only the first would be read"},
+        {"key.xml", "<Pipeline><logLevel>INFO</logLevel><logLevel>DEBUG</logLevel></Pipeline>",
+         "Pipeline.logLevel is given twice, first as \"INFO\", then as \"DEBUG\": only the first would be read"},
+    };
+    for (const auto& c : repeated) {
+        SCOPED_TRACE(c.name);
+        const std::string path = config(c.name, c.text);
+        LogCapture log(velmar::Error);
+        try {
+            PredictorParams p(path);
+            ADD_FAILURE() << "accepted";
+        } catch (const boost::property_tree::ptree_bad_data& e) {
+            EXPECT_EQ(e.what(), path + ": " + c.refused);
+        }
+        EXPECT_EQ(log.messagesAt(velmar::Error), Lines{path + ": " + c.refused});
+    }
+    // The INI reader refuses a repeated key itself, naming the line.
+    const std::string ini = config("key.ini", "[Pipeline]\nlogLevel=INFO\nlogLevel=DEBUG\n");
+    try {
+        PredictorParams p(ini);
+        FAIL() << "accepted";
+    } catch (const boost::property_tree::file_parser_error& e) {
+        EXPECT_EQ(e.line(), 3u);
+        EXPECT_EQ(e.filename(), ini);
+    }
 }
 
 // Each configuration that cannot work is refused with the file, the key, the value as written and
@@ -234,6 +327,7 @@ TEST_F(PredictorParamsTest, ValuesThatCannotWorkAreRefusedNamingFileKeyValueAndE
         {"PredictionModel.pixel_per_inch", {"0", "-2"}, "an integer from 1 to 100000"},
         {"PredictionModel.stroke_end_thres", {"0"}, "a finite number above 0"},
         {"PredictionModel.feature_ypos_max", {"inf"}, "a finite number"},
+        {"PredictionModel.max_pen_speed_mm_per_s", {"0", "-1", "inf", "fast"}, "a finite number above 0"},
         {"PredictionModel.target_event_count", {"-1"}, "an integer from 0 to 4294967295"},
         {"PredictionModel.use_raw_pressure", {"yes"}, "true, false, 1 or 0"},
         {"PredictionModel.inference_engine", {"tflite"}, "auto, xnnpack or armnn"},

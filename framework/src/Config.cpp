@@ -8,6 +8,7 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/xml_parser.hpp>
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -150,24 +151,54 @@ void refuseDeepNesting(const std::string& path, Config::Format format) {
 constexpr int kMaxIncludeDepth = 8;
 constexpr int kMaxIncludedFiles = 64;
 
-// The file name of a line `#include "name"`, as the parser reads it; empty for any other line.
+// Blanks as the INFO parser sees them: ASCII white space only.
+bool isBlank(char c) {
+    return static_cast<unsigned char>(c) <= 127 && std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+// The file name of an include directive, read as the INFO parser reads it: blanks are allowed before
+// the '#' and between it and "include" (`# include "name"`), and the name's escapes are expanded.
+// Empty for any other line, and for a malformed directive, which the parser reports.
 std::string includedName(const std::string& line) {
-    size_t i = line.find_first_not_of(" \t\r");
-    if (i == std::string::npos || line[i] != '#' || line.compare(i + 1, 7, "include") != 0) {
+    const char* text = line.c_str();
+    const auto skipBlanks = [&] {
+        while (isBlank(*text)) {
+            ++text;
+        }
+    };
+    skipBlanks();
+    if (*text != '#') {
         return "";
     }
-    i = line.find_first_not_of(" \t\r", i + 8);
-    if (i == std::string::npos || line[i] != '"') {
-        return "";  // malformed: the parser reports it
+    ++text;
+    skipBlanks();
+    const char* word = text;
+    while (*text != '\0' && *text != ';' && !isBlank(*text)) {
+        ++text;
     }
+    if (std::string(word, text) != "include") {
+        return "";
+    }
+    skipBlanks();
+    if (*text != '"') {
+        return "";
+    }
+    static const std::string escapes = "0abfnrtv\"'\\";
+    static const std::string expanded("\0\a\b\f\n\r\t\v\"'\\", 11);
     std::string name;
-    for (++i; i < line.size() && line[i] != '"'; ++i) {
-        if (line[i] == '\\' && i + 1 < line.size()) {
-            ++i;
+    for (++text; *text != '\0' && *text != '"'; ++text) {
+        if (*text != '\\') {
+            name += *text;
+            continue;
         }
-        name += line[i];
+        const size_t escape = text[1] == '\0' ? std::string::npos : escapes.find(text[1]);
+        if (escape == std::string::npos) {
+            return "";
+        }
+        name += expanded[escape];
+        ++text;
     }
-    return name;
+    return *text == '"' ? name : "";
 }
 
 struct IncludeWalk {

@@ -16,8 +16,10 @@ struct PredictorParams {
     // Throws what the configuration reader throws for an unreadable or unparsable file, and
     // boost::property_tree::ptree_bad_data, naming the file, the key, its value and what was expected,
     // for a value of the wrong type or outside what the library can work with (also logged as an
-    // error). An unknown QueueFullPolicy or logLevel is not refused: a warning names the value and
-    // the choice made.
+    // error), or for a key or section given twice. An unknown QueueFullPolicy or logLevel is not
+    // refused: a warning names the value and the choice made. A key that is not read (misspelt, or
+    // in the wrong section) is warned about, naming the nearest key that is read. A bare file name
+    // lies in the working directory, and so does the model named in it.
     explicit PredictorParams(const std::string& configFile);
 
     ModelPredictorParams modelParams;

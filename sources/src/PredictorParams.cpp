@@ -1,11 +1,14 @@
 #include "PredictorParams.h"
 
 #include <boost/filesystem.hpp>
+#include <algorithm>
 #include <boost/property_tree/exceptions.hpp>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <set>
+#include <vector>
 #include <sstream>
 #include <stdexcept>
 
@@ -36,18 +39,44 @@ constexpr int64_t kMaxSpinWindowUs =
 constexpr int64_t kMaxUnsigned32 = std::numeric_limits<uint32_t>::max();
 constexpr int64_t kMaxSigned32 = std::numeric_limits<int32_t>::max();
 
+// Insertions, deletions and substitutions that turn a into b.
+size_t editDistance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) {
+        row[j] = j;
+    }
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
 // Reads typed values from one configuration file and refuses, naming file, key, value and what was
 // expected, any value that does not convert or lies outside what the library can work with.
 class KeyReader {
 public:
+    // Refuses a file in which a key or section is given twice: lookups would see only the first.
     KeyReader(const std::string& file, const std::string& logTag)
         : file(file),
           logTag(logTag),
-          config(file, velmar::Config::FormatByExtension, velmar::Config::InputFile) {}
+          config(file, velmar::Config::FormatByExtension, velmar::Config::InputFile) {
+        refuseRepeats(config.m_Tree, "");
+    }
 
     std::string text(const std::string& key, const std::string& defaultValue) const {
+        readKeys.insert(key);
         return config.get<std::string>(key, defaultValue);
     }
+
+    // Warns about every key of the file that none of the reads so far asked for, so that a misspelt
+    // or misplaced key does not silently mean its default.
+    void warnUnreadKeys() const { warnUnread(config.m_Tree, ""); }
 
     int64_t integer(const std::string& key, int64_t defaultValue, int64_t min, int64_t max) const {
         const std::string expected = "an integer from " + std::to_string(min) + " to " + std::to_string(max);
@@ -85,8 +114,91 @@ public:
     void warn(const std::string& message) const { VELMAR_LOG(velmar::Warning, logTag, file << ": " << message); }
 
 private:
+    using Tree = boost::property_tree::ptree;
+
+    static std::string joined(const std::string& path, const std::string& name) {
+        return path.empty() ? name : path + "." + name;
+    }
+
+    // Array elements have empty names and the XML reader keeps attributes and comments under
+    // reserved names: neither is a key.
+    static bool isKey(const std::string& name) { return !name.empty() && name.rfind("<xml", 0) != 0; }
+
+    static std::string described(const Tree& node) {
+        return node.empty() ? "\"" + node.data() + "\"" : "a section";
+    }
+
+    void refuseRepeats(const Tree& node, const std::string& path) const {
+        for (auto child = node.begin(); child != node.end(); ++child) {
+            if (!isKey(child->first)) {
+                continue;
+            }
+            const std::string key = joined(path, child->first);
+            for (auto later = std::next(child); later != node.end(); ++later) {
+                if (later->first == child->first) {
+                    refuse(key + " is given twice, first as " + described(child->second) + ", then as " +
+                           described(later->second) + ": only the first would be read");
+                }
+            }
+            refuseRepeats(child->second, key);
+        }
+    }
+
+    void warnUnread(const Tree& node, const std::string& path) const {
+        for (const auto& child : node) {
+            if (!isKey(child.first)) {
+                continue;
+            }
+            const std::string key = joined(path, child.first);
+            if (readKeys.count(key) != 0) {
+                continue;
+            }
+            if (!child.second.empty()) {
+                warnUnread(child.second, key);
+                continue;
+            }
+            // A near miss is a typing error, in the section's name too; otherwise a known leaf name
+            // says in which section the key belongs.
+            size_t distance = 0;
+            const std::string nearest = nearestReadKey(key, distance);
+            const std::string home = distance <= kTypingSlips ? "" : readKeyNamed(child.first);
+            if (!home.empty()) {
+                warn("misplaced key " + key + ", ignored: it is read as " + home);
+            } else {
+                warn("unknown key " + key + ", ignored; nearest known key: " + nearest);
+            }
+        }
+    }
+
+    // The key read under a section with this last name, if any.
+    std::string readKeyNamed(const std::string& name) const {
+        for (const std::string& known : readKeys) {
+            if (known.size() > name.size() && known[known.size() - name.size() - 1] == '.' &&
+                known.compare(known.size() - name.size(), std::string::npos, name) == 0) {
+                return known;
+            }
+        }
+        return "";
+    }
+
+    std::string nearestReadKey(const std::string& key, size_t& best) const {
+        std::string nearest;
+        best = std::numeric_limits<size_t>::max();
+        for (const std::string& known : readKeys) {
+            const size_t distance = editDistance(key, known);
+            if (distance < best) {
+                best = distance;
+                nearest = known;
+            }
+        }
+        return nearest;
+    }
+
+    static constexpr size_t kTypingSlips = 2;
+
     template <typename T>
     T converted(const std::string& key, const T& defaultValue, const std::string& expected) const {
+        readKeys.insert(key);
         try {
             return config.get<T>(key, defaultValue);
         } catch (const boost::property_tree::ptree_bad_data&) {
@@ -101,6 +213,7 @@ private:
     const std::string& file;
     const std::string& logTag;
     velmar::Config config;
+    mutable std::set<std::string> readKeys;
 };
 
 std::string defaultText(float value) {
@@ -153,7 +266,11 @@ PredictorParams::PredictorParams(const std::string& configFile) {
 
     ModelPredictorParams& m = modelParams;
     const std::string modelName = config.text("PredictionModel.model_name", "UNDEFINED");
-    const boost::filesystem::path baseDirectory = boost::filesystem::path(configFile).parent_path();
+    // A bare file name lies in the working directory, and so does its model.
+    boost::filesystem::path baseDirectory = boost::filesystem::path(configFile).parent_path();
+    if (baseDirectory.empty()) {
+        baseDirectory = ".";
+    }
     VELMAR_LOG(velmar::Info, logTag, "Input Config file Base Directory : " << baseDirectory);
     m.model_path = baseDirectory.string() + "/" + modelName;
     VELMAR_LOG(velmar::Info, logTag, "modelParams.model_path : " << m.model_path);
@@ -229,6 +346,10 @@ PredictorParams::PredictorParams(const std::string& configFile) {
                       ": expected auto, xnnpack or armnn");
     }
 
+    // The fastest strokes of the training recordings reach some 600 mm/s over 10 ms.
+    READ_LOGGED(config.real("PredictionModel.max_pen_speed_mm_per_s", 1000.0f, true), m.max_pen_speed_mm_per_s,
+                "modelParams.max_pen_speed_mm_per_s : ");
+
     READ_LOGGED(config.flag("Pipeline.enableDataWriting", false), enableDataWriting, "Enable debug writing : ");
     READ_LOGGED(config.flag("Pipeline.canControlDataWritingAtRunTime", false), canControlDataWritingAtRunTime,
                 "canControlDataWritingAtRunTime : ");
@@ -243,6 +364,7 @@ PredictorParams::PredictorParams(const std::string& configFile) {
     READ_LOGGED(config.text("Pipeline.diskCheckPath", "/data/"), diskCheckPath, "diskCheckPath : ");
     READ_LOGGED(config.integer("Pipeline.inferenceSpinWindowUs", inferenceSpinWindowUs, 0, kMaxSpinWindowUs),
                 inferenceSpinWindowUs, "inferenceSpinWindowUs : ");
+    config.warnUnreadKeys();
 }
 
 }  // namespace styluspipeline
