@@ -451,6 +451,8 @@ TEST(CommandLineTest, ParsesOptionsRejectsBadOnesAndExpandsDirectories) {
         EXPECT_THROW(CommandLine::parse(args), ReplayError) << ::testing::PrintToString(args);
     }
     EXPECT_TRUE(CommandLine::parse({"--help"}).help);
+    EXPECT_EQ(CommandLine::parse({"--check-config", "device.json"}).checkConfigPath, "device.json");  // no recording
+    EXPECT_THROW(CommandLine::parse({"--check-config"}), ReplayError);
 
     // Directories stand for the recordings in them.
     testsupport::TempDir dir;

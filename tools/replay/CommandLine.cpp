@@ -22,6 +22,8 @@ const char* const CommandLine::usage =
     "                          current directory)\n"
     "  --verbose               the library's log lines on the terminal instead\n"
     "  --quiet                 no progress line on standard error\n"
+    "  --check-config FILE     only check a configuration: print its warnings and refusals, exit 1\n"
+    "                          if there is any, 0 if it is clean\n"
     "  -h, --help              this text\n";
 
 const char* const CommandLine::defaultLogPath = "stylus-replay.log";
@@ -57,6 +59,8 @@ ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
             options.help = true;
         } else if (arg == "--config") {
             options.configPath = takeValue();
+        } else if (arg == "--check-config") {
+            options.checkConfigPath = takeValue();
         } else if (arg == "--batch-size") {
             const std::string text = takeValue();
             std::size_t used = 0;
@@ -99,7 +103,7 @@ ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
     if (options.verbose && !options.logPath.empty()) {
         throw ReplayError("--log and --verbose exclude each other");
     }
-    if (options.inputs.empty() && !options.help) {
+    if (options.inputs.empty() && !options.help && options.checkConfigPath.empty()) {
         throw ReplayError("no recording given");
     }
     return options;

@@ -18,6 +18,7 @@ struct ReplayOptions {
     bool verbose = false;  // the library's log lines on the terminal
     bool quiet = false;
     bool help = false;
+    std::string checkConfigPath;  // --check-config: only check this configuration
 };
 
 class CommandLine {
@@ -27,7 +28,7 @@ public:
 
     // Options take their value as the next argument or after '='. Throws ReplayError on an unknown
     // option, a missing value, a batch size below 1, --log with --verbose, or no recording (unless
-    // help was asked).
+    // help or a configuration check was asked).
     static ReplayOptions parse(const std::vector<std::string>& args);
 
     // Files stay as given; a directory stands for its *.csv and *.dat files in name order.

@@ -10,6 +10,7 @@
 
 #include "Batcher.h"
 #include "CommandLine.h"
+#include "ConfigCheck.h"
 #include "HtmlReport.h"
 #include "JsonSummary.h"
 #include "LibraryLog.h"
@@ -159,6 +160,9 @@ int main(int argc, char** argv) {
     if (options.help) {
         std::cout << CommandLine::usage;
         return 0;
+    }
+    if (!options.checkConfigPath.empty()) {
+        return ConfigCheck::run(options.checkConfigPath, std::cout) == 0 ? 0 : 1;
     }
     try {
         return run(options);
