@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <chrono>
@@ -339,10 +341,58 @@ TEST(StylusDataWriterTest, TakenNamesGetASuffixAndAreNeverReplaced) {
     EXPECT_EQ(recorded, expected);
 }
 
+// A recorder starting in a directory finishes leftovers; one already recording there creates a file
+// every second sample meanwhile. None of its files is taken for a leftover: every row arrives once.
+TEST(StylusDataWriterTest, RecordersSharingADirectoryNeverRemoveEachOthersFiles) {
+    TempDir shared;
+    std::atomic<bool> done{false};
+    std::atomic<int> starts{0};
+    std::thread starter([&] {
+        while (!done.load()) {
+            StylusDataWriter other(recording(shared.path(), 1, 2));
+            starts.fetch_add(1);
+        }
+    });
+    constexpr uint64_t kSamples = 400;
+    RecorderCounts counts;
+    {
+        StylusDataWriter writer(recording(shared.path(), 1, 2));
+        for (uint64_t t = 1; t <= kSamples; ++t) {
+            while (!writer.writeData({{t, sample(t)}})) {
+                std::this_thread::yield();
+            }
+        }
+        writer.stop();
+        counts = writer.counts();
+    }
+    done.store(true);
+    starter.join();
+    EXPECT_GT(starts.load(), 0);
+    EXPECT_EQ(counts.written, kSamples);
+    EXPECT_EQ(counts.lost, 0u);
+    std::multiset<std::string> recorded;
+    std::multiset<std::string> expected;
+    for (const std::string& name : filesIn(shared.path())) {
+        std::istringstream content(readFile(name));
+        std::string line;
+        ASSERT_TRUE(std::getline(content, line));
+        EXPECT_EQ(line + "\n", kHeader) << name;
+        while (std::getline(content, line)) {
+            recorded.insert(line + "\n");
+        }
+    }
+    for (uint64_t t = 1; t <= kSamples; ++t) {
+        expected.insert(rows(t, t));
+    }
+    EXPECT_EQ(recorded, expected);
+}
+
 // Files a process left while recording are finished when the next recorder starts; a torn last
-// row is cut off, and a file still held by a live recorder is left alone.
+// row is cut off, and a file still held by a live recorder is left alone, and so is a file with
+// another name than a recorder with this prefix gives.
 TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
     TempDir dir;
+    const std::string stem = kPrefix + "2020-01-01_00-00-0";
     struct Case {
         const char* name;
         std::string content;
@@ -352,45 +402,57 @@ TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
     };
     const std::string torn = "3,0.00";
     const std::vector<Case> cases = {
-        {"a.dat.tmp", kHeader + rows(1, 2) + torn, "a.dat", kHeader + rows(1, 2),
-         " finished as DIR/a.dat, 6 bytes of a torn last row dropped"},
-        {"b.dat.tmp", kHeader + rows(1, 1), "b.dat", kHeader + rows(1, 1),
-         " finished as DIR/b.dat, 0 bytes of a torn last row dropped"},
-        {"c.dat.tmp", "timest", nullptr, "", " not finished: removed, no whole header in DIR/c.dat.tmp: No data available"},
-        {"d.dat.tmp", "not a recording\n", nullptr, "",
-         " not finished: left as it is, not a recording: DIR/d.dat.tmp: Invalid argument"},
-        {"e.dat.tmp", kHeader + torn, "e_1.dat", kHeader, " finished as DIR/e_1.dat, 6 bytes of a torn last row dropped"},
-        {"f.dat.tmp", kHeader + rows(1, 1), nullptr, "", " is still being written"},
-        {"g.dat.tmp", kHeader + rows(1, 1), nullptr, "",
-         " not finished: already published under another name, DIR/g.dat.tmp removed"},
+        {"1.dat.tmp", kHeader + rows(1, 2) + torn, "1.dat", kHeader + rows(1, 2),
+         " finished as DIR/1.dat, 6 bytes of a torn last row dropped"},
+        {"2.dat.tmp", kHeader + rows(1, 1), "2.dat", kHeader + rows(1, 1),
+         " finished as DIR/2.dat, 0 bytes of a torn last row dropped"},
+        {"3.dat.tmp", "timest", nullptr, "", " not finished: removed, no whole header in DIR/3.dat.tmp: No data available"},
+        {"4.dat.tmp", "not a recording\n", nullptr, "",
+         " not finished: left as it is, not a recording: DIR/4.dat.tmp: Invalid argument"},
+        {"5.dat.tmp", kHeader + torn, "5_1.dat", kHeader, " finished as DIR/5_1.dat, 6 bytes of a torn last row dropped"},
+        {"6.dat.tmp", kHeader + rows(1, 1), nullptr, "", " is still being written"},
+        {"7.dat.tmp", kHeader + rows(1, 1), nullptr, "",
+         " not finished: has other names (published already, or a hard link), only the name DIR/7.dat.tmp removed"},
     };
     for (const Case& c : cases) {
-        testsupport::writeFile(dir.file(c.name), c.content);
+        testsupport::writeFile(dir.file(stem + c.name), c.content);
     }
-    testsupport::writeFile(dir.file("e.dat"), "taken");
-    ASSERT_EQ(link(dir.file("g.dat.tmp").c_str(), dir.file("g.dat").c_str()), 0);  // ended before removing it
-    const int held = open(dir.file("f.dat.tmp").c_str(), O_RDWR);
+    testsupport::writeFile(dir.file(stem + "5.dat"), "taken");
+    const std::vector<std::string> foreign = {"notes.dat.tmp", "other_2020-01-01_00-00-00.dat.tmp",
+                                              kPrefix + "2020-01-01_00-00-0x.dat.tmp"};
+    for (const std::string& name : foreign) {
+        testsupport::writeFile(dir.file(name), kHeader + rows(1, 2) + torn);
+    }
+    ASSERT_EQ(link(dir.file(stem + "7.dat.tmp").c_str(), dir.file(stem + "7.dat").c_str()), 0);  // ended before removing it
+    const int held = open(dir.file(stem + "6.dat.tmp").c_str(), O_RDWR);
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
     LogCapture log;
-    { StylusDataWriter writer(recording(dir.path(), 1, 2)); }
+    {
+        StylusDataWriter writer(recording(dir.path(), 1, 2));
+        ASSERT_TRUE(testsupport::waitUntil([&] { return writer.leftoversChecked(); }));
+    }
     close(held);
 
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::string line = std::regex_replace(c.logLine, std::regex("DIR"), dir.path());
-        EXPECT_EQ(log.count("Leftover recording " + dir.file(c.name) + line), 1);
+        const std::string line = std::regex_replace(c.logLine, std::regex("DIR/"), dir.path() + "/" + stem);
+        EXPECT_EQ(log.count("Leftover recording " + dir.file(stem + c.name) + line), 1);
         if (c.finishedAs != nullptr) {
-            EXPECT_EQ(readFile(dir.file(c.finishedAs)), c.finished);
-            EXPECT_FALSE(boost::filesystem::exists(dir.file(c.name)));
+            EXPECT_EQ(readFile(dir.file(stem + c.finishedAs)), c.finished);
+            EXPECT_FALSE(boost::filesystem::exists(dir.file(stem + c.name)));
         }
     }
-    EXPECT_FALSE(boost::filesystem::exists(dir.file("c.dat.tmp")));
-    EXPECT_EQ(readFile(dir.file("d.dat.tmp")), "not a recording\n");
-    EXPECT_EQ(readFile(dir.file("e.dat")), "taken");
-    EXPECT_EQ(readFile(dir.file("f.dat.tmp")), kHeader + rows(1, 1));
-    EXPECT_FALSE(boost::filesystem::exists(dir.file("g.dat.tmp")));
-    EXPECT_EQ(readFile(dir.file("g.dat")), kHeader + rows(1, 1));
-    EXPECT_EQ(filesIn(dir.path()).size(), 7u);  // a, b, d, e, e_1, f, g and nothing else
+    EXPECT_FALSE(boost::filesystem::exists(dir.file(stem + "3.dat.tmp")));
+    EXPECT_EQ(readFile(dir.file(stem + "4.dat.tmp")), "not a recording\n");
+    EXPECT_EQ(readFile(dir.file(stem + "5.dat")), "taken");
+    EXPECT_EQ(readFile(dir.file(stem + "6.dat.tmp")), kHeader + rows(1, 1));
+    EXPECT_FALSE(boost::filesystem::exists(dir.file(stem + "7.dat.tmp")));
+    EXPECT_EQ(readFile(dir.file(stem + "7.dat")), kHeader + rows(1, 1));
+    for (const std::string& name : foreign) {
+        EXPECT_EQ(readFile(dir.file(name)), kHeader + rows(1, 2) + torn);
+        EXPECT_EQ(log.countMatching(std::regex(".*" + name + ".*")), 0);
+    }
+    EXPECT_EQ(filesIn(dir.path()).size(), 10u);  // 1, 2, 4, 5, 5_1, 6, 7 and the three foreign ones
 }
 
 TEST(StylusDataWriterTest, DiskFillPercentIsTheUsedShareRoundedDown) {

@@ -16,7 +16,8 @@ public:
     RecordingFile& operator=(const RecordingFile&) = delete;
 
     // Creates base + ".dat.tmp", or base + "_<n>.dat.tmp" for the first n whose .dat and .tmp names
-    // are both free, with mode 0666 whatever the process mask.
+    // are both free, with mode 0666 whatever the process mask. The file is locked before it gets
+    // that name, and nothing already in the directory is opened or replaced.
     bool create(const std::string& base, std::string& error);
     bool isOpen() const { return fd >= 0; }
     // False once the file has lost its name, for instance with its directory removed.
@@ -39,11 +40,22 @@ public:
     // and the file is published. Skipped (false, empty error) while its writer still holds it.
     // A file too short to hold the header is removed, one that does not start with it is left alone,
     // and one already published under another name only loses its .tmp name (false, with a reason).
+    // Only a regular file of this user is touched, never through a link; one with holes or without a
+    // line end near its end is left alone. The work is a few reads whatever the file's size.
     static bool recover(const std::string& tmpPath, std::string& datPath, uint64_t& droppedBytes,
                         std::string& error);
 
+    // Names a recorder with this file name prefix gives its files: prefix + "_" + time stamp (digits,
+    // '-' and '_') + ".dat.tmp", and the same + ".new-" + six letters while being created.
+    static bool isLeftoverName(const std::string& fileName, const std::string& prefix);
+    static bool isHiddenName(const std::string& fileName, const std::string& prefix);
+    // Removes a file create() left under its hidden name (its process ended within the creation):
+    // only a regular file of this user, unlocked and unchanged for a minute.
+    static bool removeAbandonedHidden(const std::string& path, std::string& error);
+
 private:
     static bool publish(const std::string& tmpPath, std::string& datPath, std::string& error);
+    static bool isRecordingName(const std::string& fileName, const std::string& prefix, const std::string& ending);
     void closeFile();
 
     int fd = -1;

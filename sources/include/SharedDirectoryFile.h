@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace shareddirectory {
 
@@ -33,7 +34,9 @@ bool replace(const std::string& path, const std::string& text, mode_t mode, std:
 bool isTemporaryOf(const std::string& path, const std::string& candidate);
 
 // Removes the temporaries of path that a process killed between writing and renaming left behind:
-// regular files of this user with the temporaries' name. Returns how many were removed.
-int removeStaleTemporaries(const std::string& path);
+// regular files of this user with the temporaries' name (removing a hard link removes only the name).
+// Returns how many were removed; leftAlone gets the names of the others (links, FIFOs, directories,
+// files of other users).
+int removeStaleTemporaries(const std::string& path, std::vector<std::string>& leftAlone);
 
 }  // namespace shareddirectory

@@ -43,6 +43,8 @@ public:
     void stop();
     // Safe from any thread; final once stop() has returned.
     RecorderCounts counts() const;
+    // True once the leftovers of earlier runs have all been looked at (not when a stop cut it short).
+    bool leftoversChecked() const { return leftoversCheckedFlag.load(); }
 
     // Fill of the file system holding path in whole percent (truncated); 100 when it cannot be told.
     int getDiskFillPercentage(const std::string& path);
@@ -78,4 +80,5 @@ private:
     std::atomic<uint64_t> refusedCount{0};
     std::atomic<uint64_t> writtenCount{0};
     std::atomic<uint64_t> lostCount{0};
+    std::atomic<bool> leftoversCheckedFlag{false};
 };

@@ -130,10 +130,16 @@ PredictiveMetricCalculator::PredictiveMetricCalculator(float pixel_per_inch, flo
       metricsFilePath(std::move(metricsFilePath)) {
     VELMAR_LOG(velmar::Info, kTag, "PredictiveMetricCalculator constructor");
     // Left by a process killed between writing a save and renaming it.
-    const int stale = shareddirectory::removeStaleTemporaries(this->metricsFilePath);
+    std::vector<std::string> leftAlone;
+    const int stale = shareddirectory::removeStaleTemporaries(this->metricsFilePath, leftAlone);
     if (stale > 0) {
         VELMAR_LOG(velmar::Warning, kTag,
                    "Removed " << stale << " temporary files an interrupted save left beside " << this->metricsFilePath);
+    }
+    for (const std::string& name : leftAlone) {
+        VELMAR_LOG(velmar::Warning, kTag,
+                   "Left " << name << " beside " << this->metricsFilePath
+                           << " as it is: named like a temporary file but not a regular file of this user");
     }
     loadMetrics(this->metricsFilePath);
 }

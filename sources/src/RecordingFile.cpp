@@ -7,7 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
+#include <ctime>
 
 #include "RecordingFormat.h"
 
@@ -15,6 +15,9 @@ namespace {
 
 const std::string kTmpEnding = ".tmp";
 const std::string kDatEnding = ".dat";
+// Between the .dat.tmp name and six random letters: a file not yet locked and named.
+const std::string kHiddenInfix = ".new-";
+constexpr time_t kAbandonedAfterSeconds = 60;
 constexpr int kMaxSuffix = 1000;  // a bound on the names tried, against a directory full of them
 
 std::string reason(const std::string& what, const std::string& path) {
@@ -50,26 +53,31 @@ bool writeAll(int fd, const char* data, size_t size, size_t& written) {
     return true;
 }
 
-// Offset just after the last "\n" in the first size bytes of fd, 0 when there is none.
-bool endOfLastLine(int fd, uint64_t size, uint64_t& end) {
-    std::vector<char> block(4096);
-    uint64_t blockEnd = size;
-    while (blockEnd > 0) {
-        const uint64_t blockStart = blockEnd > block.size() ? blockEnd - block.size() : 0;
-        const size_t length = static_cast<size_t>(blockEnd - blockStart);
-        if (pread(fd, block.data(), length, static_cast<off_t>(blockStart)) != static_cast<ssize_t>(length)) {
-            return false;
-        }
-        for (size_t i = length; i > 0; --i) {
-            if (block[i - 1] == '\n') {
-                end = blockStart + i;
-                return true;
-            }
-        }
-        blockEnd = blockStart;
+// Offset just after the last "\n" of fd, looked for in its last kMaxRowLength bytes only: a torn
+// row is shorter than a whole one, so a file without a line end there was not written by a recorder,
+// and a huge file costs one read.
+bool endOfLastLine(int fd, uint64_t size, uint64_t& end, bool& found) {
+    char tail[recordingformat::kMaxRowLength];
+    const uint64_t length = size < sizeof(tail) ? size : sizeof(tail);
+    const uint64_t start = size - length;
+    if (pread(fd, tail, static_cast<size_t>(length), static_cast<off_t>(start)) != static_cast<ssize_t>(length)) {
+        return false;
     }
-    end = 0;
+    found = false;
+    for (uint64_t i = length; i > 0; --i) {
+        if (tail[i - 1] == '\n') {
+            end = start + i;
+            found = true;
+            break;
+        }
+    }
     return true;
+}
+
+// A recorder writes every byte it leaves: a hole means a file made some other way (a sparse file).
+bool hasHole(int fd, uint64_t size) {
+    const off_t hole = lseek(fd, 0, SEEK_HOLE);
+    return hole >= 0 && static_cast<uint64_t>(hole) < size;
 }
 
 }  // namespace
@@ -78,26 +86,40 @@ RecordingFile::~RecordingFile() { closeFile(); }
 
 bool RecordingFile::create(const std::string& base, std::string& error) {
     closeFile();
+    // Made and locked under a name recovery ignores, then given its .tmp name: a starting recorder's
+    // recovery never sees it unlocked. mkostemp creates exclusively under a random name, so nothing
+    // planted in the directory is opened.
+    std::string hidden = base + kDatEnding + kTmpEnding + kHiddenInfix + "XXXXXX";
+    const int created = mkostemp(&hidden[0], O_CLOEXEC);
+    if (created < 0) {
+        error = reason("cannot create", base + kDatEnding + kTmpEnding);
+        return false;
+    }
+    // Readable by every user of the device, set here rather than through the process-wide mask.
+    if (fchmod(created, 0666) != 0 || flock(created, LOCK_EX | LOCK_NB) != 0) {
+        error = reason("cannot set up", hidden);
+        ::close(created);
+        ::unlink(hidden.c_str());
+        return false;
+    }
     for (int n = 0; n < kMaxSuffix; ++n) {
         const std::string name = numbered(base, n);
         if (exists(name + kDatEnding)) {
             continue;
         }
         const std::string tmp = name + kDatEnding + kTmpEnding;
-        const int created = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (created < 0) {
+        if (::link(hidden.c_str(), tmp.c_str()) != 0) {
             if (errno == EEXIST) {
                 continue;
             }
-            error = reason("cannot create", tmp);
-            return false;
-        }
-        // Readable by every user of the device, set here rather than through the process-wide mask.
-        if (fchmod(created, 0666) != 0 || flock(created, LOCK_EX | LOCK_NB) != 0) {
-            error = reason("cannot set up", tmp);
-            ::close(created);
-            ::unlink(tmp.c_str());
-            return false;
+            if (!noHardLinks(errno) || exists(tmp) || ::rename(hidden.c_str(), tmp.c_str()) != 0) {
+                error = reason("cannot create", tmp);
+                ::close(created);
+                ::unlink(hidden.c_str());
+                return false;
+            }
+        } else {
+            ::unlink(hidden.c_str());
         }
         fd = created;
         committed = 0;
@@ -105,6 +127,8 @@ bool RecordingFile::create(const std::string& base, std::string& error) {
         datName.clear();
         return true;
     }
+    ::close(created);
+    ::unlink(hidden.c_str());
     errno = EEXIST;
     error = reason("no free name for", base + kDatEnding);
     return false;
@@ -209,26 +233,32 @@ bool RecordingFile::recover(const std::string& tmpPath, std::string& datPath, ui
                             std::string& error) {
     error.clear();
     droppedBytes = 0;
-    const int fd = ::open(tmpPath.c_str(), O_RDWR | O_CLOEXEC);
+    // Not through a link, and without waiting on a FIFO or device planted under the name.
+    const int fd = ::open(tmpPath.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        error = reason("cannot open", tmpPath);
+        error = errno == ELOOP ? "left as it is, a symbolic link: " + tmpPath : reason("cannot open", tmpPath);
         return false;
     }
     struct stat opened {};
     struct stat named {};
+    if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode) || opened.st_uid != geteuid()) {
+        ::close(fd);
+        error = "left as it is, not a regular file of this user: " + tmpPath;
+        return false;
+    }
     // A file still being written is locked; one already published by another recover has lost
     // this name.
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0 || fstat(fd, &opened) != 0 || stat(tmpPath.c_str(), &named) != 0 ||
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0 || lstat(tmpPath.c_str(), &named) != 0 ||
         opened.st_ino != named.st_ino || opened.st_dev != named.st_dev) {
         ::close(fd);
         return false;
     }
     // A process that ended between publishing and removing the .tmp left a second name of a
-    // published file: publishing it again would duplicate its rows.
+    // published file: publishing it again would duplicate its rows. Only the name goes.
     if (opened.st_nlink > 1) {
         ::unlink(tmpPath.c_str());
         ::close(fd);
-        error = "already published under another name, " + tmpPath + " removed";
+        error = "has other names (published already, or a hard link), only the name " + tmpPath + " removed";
         return false;
     }
     const uint64_t size = static_cast<uint64_t>(opened.st_size);
@@ -236,6 +266,7 @@ bool RecordingFile::recover(const std::string& tmpPath, std::string& datPath, ui
     std::string start(header.size(), '\0');
     const ssize_t got = pread(fd, &start[0], start.size(), 0);
     bool ok = false;
+    bool found = false;
     uint64_t end = 0;
     if (got < 0) {
         error = reason("cannot read", tmpPath);
@@ -248,8 +279,13 @@ bool RecordingFile::recover(const std::string& tmpPath, std::string& datPath, ui
     } else if (start != header) {
         errno = EINVAL;
         error = reason("left as it is, not a recording:", tmpPath);
-    } else if (!endOfLastLine(fd, size, end)) {
+    } else if (hasHole(fd, size)) {
+        error = "left as it is, not a recording (a sparse file): " + tmpPath;
+    } else if (!endOfLastLine(fd, size, end, found)) {
         error = reason("cannot read", tmpPath);
+    } else if (!found) {
+        error = "left as it is, not a recording (no line end in its last " +
+                std::to_string(recordingformat::kMaxRowLength) + " bytes): " + tmpPath;
     } else if (end != size && ftruncate(fd, static_cast<off_t>(end)) != 0) {
         error = reason("cannot cut the torn line off", tmpPath);
     } else if (fsync(fd) != 0) {
@@ -260,4 +296,54 @@ bool RecordingFile::recover(const std::string& tmpPath, std::string& datPath, ui
     }
     ::close(fd);
     return ok;
+}
+
+bool RecordingFile::isLeftoverName(const std::string& fileName, const std::string& prefix) {
+    return isRecordingName(fileName, prefix, kDatEnding + kTmpEnding);
+}
+
+bool RecordingFile::isHiddenName(const std::string& fileName, const std::string& prefix) {
+    const std::size_t infix = fileName.rfind(kHiddenInfix);
+    return infix != std::string::npos && fileName.size() == infix + kHiddenInfix.size() + 6 &&
+           isRecordingName(fileName.substr(0, infix), prefix, kDatEnding + kTmpEnding);
+}
+
+bool RecordingFile::isRecordingName(const std::string& fileName, const std::string& prefix, const std::string& ending) {
+    if (fileName.size() <= prefix.size() + 1 + ending.size() || fileName.compare(0, prefix.size(), prefix) != 0 ||
+        fileName[prefix.size()] != '_' ||
+        fileName.compare(fileName.size() - ending.size(), ending.size(), ending) != 0) {
+        return false;
+    }
+    // The time stamp and the optional "_<n>": digits, '-' and '_' only.
+    for (std::size_t i = prefix.size() + 1; i < fileName.size() - ending.size(); ++i) {
+        const char c = fileName[i];
+        if (!(c >= '0' && c <= '9') && c != '-' && c != '_') {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RecordingFile::removeAbandonedHidden(const std::string& path, std::string& error) {
+    error.clear();
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        error = errno == ELOOP ? std::string("a symbolic link") : reason("cannot open", path);
+        return false;
+    }
+    struct stat opened {};
+    struct stat named {};
+    const time_t now = time(nullptr);
+    // Its creator gives it its name within microseconds; one unlocked for this long was abandoned.
+    if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode) || opened.st_uid != geteuid() || opened.st_nlink != 1) {
+        error = "not a regular file of this user with one name";
+    } else if (opened.st_mtime + kAbandonedAfterSeconds >= now || flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        error = "recent or locked, perhaps being created";
+    } else if (lstat(path.c_str(), &named) != 0 || named.st_ino != opened.st_ino || named.st_dev != opened.st_dev) {
+        error = "renamed meanwhile";
+    } else if (::unlink(path.c_str()) != 0) {
+        error = reason("cannot remove", path);
+    }
+    ::close(fd);
+    return error.empty();
 }

@@ -55,7 +55,6 @@ int openRegular(const std::string& path, int flags, std::string& reason, struct 
         return -1;
     }
     struct stat status {};
-    const bool writing = (flags & O_ACCMODE) != O_RDONLY;
     int error = 0;
     if (fstat(fd, &status) != 0) {
         error = errno;
@@ -63,7 +62,7 @@ int openRegular(const std::string& path, int flags, std::string& reason, struct 
     } else if (!S_ISREG(status.st_mode)) {
         error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         reason = "not a regular file";
-    } else if (writing && status.st_nlink > 1) {
+    } else if (status.st_nlink > 1) {
         error = EMLINK;
         reason = "a file with other names (a hard link)";
     } else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
@@ -169,7 +168,7 @@ bool isTemporaryOf(const std::string& path, const std::string& candidate) {
     return true;
 }
 
-int removeStaleTemporaries(const std::string& path) {
+int removeStaleTemporaries(const std::string& path, std::vector<std::string>& leftAlone) {
     const std::string directory = directoryOf(path);
     DIR* listing = opendir(directory.c_str());
     if (listing == nullptr) {
@@ -180,9 +179,13 @@ int removeStaleTemporaries(const std::string& path) {
     while (const dirent* entry = readdir(listing)) {
         const std::string name = entry->d_name;
         struct stat status {};
-        if (isTemporaryOf(path, name) && fstatat(dirfd(listing), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISREG(status.st_mode) && status.st_uid == self) {
+        if (!isTemporaryOf(path, name) || fstatat(dirfd(listing), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        if (S_ISREG(status.st_mode) && status.st_uid == self) {
             stale.push_back(name);
+        } else {
+            leftAlone.push_back(name);
         }
     }
     int removed = 0;

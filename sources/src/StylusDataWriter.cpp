@@ -17,11 +17,7 @@
 
 namespace {
 
-const std::string kLeftoverEnding = ".dat.tmp";
-
-bool endsWith(const std::string& text, const std::string& ending) {
-    return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
+constexpr std::chrono::milliseconds kRecoveryTimeOnStop{5};
 
 }  // namespace
 
@@ -251,17 +247,32 @@ void StylusDataWriter::logCounts(const char* when) {
 }
 
 void StylusDataWriter::recoverLeftoverFiles() {
+    // Only names this recorder gives its files: anything else in the directory is not ours to touch.
+    // Once stopped, the work ends between two files after its first few milliseconds, so that a
+    // crowded directory never holds up shutdown; what is left waits for the next start.
+    const auto start = std::chrono::steady_clock::now();
+    const auto mayGoOn = [this, start] {
+        return !dataQueue.isStopped() || std::chrono::steady_clock::now() - start < kRecoveryTimeOnStop;
+    };
     boost::system::error_code errorCode;
     boost::filesystem::directory_iterator entry(params.dataFileDirectory, errorCode);
     std::vector<std::string> leftovers;
-    for (; !errorCode && entry != boost::filesystem::directory_iterator(); entry.increment(errorCode)) {
-        const std::string path = entry->path().string();
-        if (endsWith(path, kLeftoverEnding)) {
-            leftovers.push_back(path);
+    std::vector<std::string> hidden;
+    for (; !errorCode && entry != boost::filesystem::directory_iterator() && mayGoOn();
+         entry.increment(errorCode)) {
+        const std::string name = entry->path().filename().string();
+        if (RecordingFile::isLeftoverName(name, params.dataFileNameSuffix)) {
+            leftovers.push_back(entry->path().string());
+        } else if (RecordingFile::isHiddenName(name, params.dataFileNameSuffix)) {
+            hidden.push_back(entry->path().string());
         }
     }
     std::sort(leftovers.begin(), leftovers.end());
     for (const std::string& leftover : leftovers) {
+        if (!mayGoOn()) {
+            VELMAR_LOG(velmar::Info, logTag, "Leftover recordings not finished: stopping");
+            return;
+        }
         std::string datPath;
         std::string error;
         uint64_t droppedBytes = 0;
@@ -275,6 +286,18 @@ void StylusDataWriter::recoverLeftoverFiles() {
             VELMAR_LOG(velmar::Info, logTag, "Leftover recording " << leftover << " is still being written");
         }
     }
+    for (const std::string& path : hidden) {
+        std::string error;
+        if (!mayGoOn()) {
+            return;
+        }
+        if (RecordingFile::removeAbandonedHidden(path, error)) {
+            VELMAR_LOG(velmar::Warning, logTag, "Abandoned recording " << path << " removed");
+        } else {
+            VELMAR_LOG(velmar::Info, logTag, "Left " << path << " as it is: " << error);
+        }
+    }
+    leftoversCheckedFlag.store(true);
 }
 
 std::string StylusDataWriter::getCurrentDateTimeString() {

@@ -60,6 +60,10 @@ StylusStrokePredictorImpl::StylusStrokePredictorImpl(const StylusPredictionParam
         }
     }
 
+    std::vector<std::string> leftAlone;
+    if (shareddirectory::removeStaleTemporaries(consentFilePath, leftAlone) > 0) {
+        VELMAR_LOG(velmar::Warning, logTag, "Removed temporary files an interrupted write left beside " << consentFilePath);
+    }
     int consent = -1;
     if (getUserDataCollectConsentFromPersistenceFile(consentFilePath, consent)) {
         VELMAR_LOG(velmar::Info, logTag, " User Persist Value : " << consent);
