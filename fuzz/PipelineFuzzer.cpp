@@ -5,7 +5,8 @@
 //   op % 7 == 0  raw batch: n = next % 17 samples, 40 raw bytes each (any tag, timestamp, NaN, ...)
 //   op % 7 == 1  compact batch: n = next byte samples of 3 bytes: signed timestamp step (backwards
 //                and duplicate timestamps included), tag selector, special-value selector
-//   op % 7 == 2  large batch: n = next 16 bits modulo 4097 synthesized samples, every k-th special
+//   op % 7 == 2  large batch: n = next 16 bits modulo 4097 synthesized samples, every k-th special,
+//                and with bit 6 of the selector one sample 500 px off the stroke
 //   op % 7 == 3  empty batch: a null array with a zero or negative count
 //   op % 7 == 4  controlDataWriting with any value
 //   op % 7 == 5  every query
@@ -49,7 +50,12 @@ void onPredictions(const PredictedStylusTouchPoints* predictions) {
     }
     float sum = 0.0f;
     for (int i = 0; i < predictions->numCoordinates; ++i) {
-        sum += predictions->coordinates[i].x + predictions->coordinates[i].y;
+        const PredictedStylusCoordinate& c = predictions->coordinates[i];
+        // Whatever the samples, a delivered point is finite and on some screen.
+        if (!(std::fabs(c.x) <= 1.0e6f && std::fabs(c.y) <= 1.0e6f) || c.timestamp < predictions->timestamp) {
+            __builtin_trap();
+        }
+        sum += c.x + c.y;
     }
     g_sink.store(sum, std::memory_order_relaxed);
 }
@@ -204,6 +210,11 @@ private:
             if (i % every == 0) {
                 applySpecial(point, static_cast<uint8_t>(selector | 0x80));
             }
+        }
+        if ((selector & 0x40) != 0 && !batch.empty()) {
+            StylusTouchPoint& glitch = batch[(every * 7) % batch.size()];
+            glitch.x_pos += (selector & 1) != 0 ? 500.0f : -300.0f;
+            glitch.y_pos += (selector & 2) != 0 ? 400.0f : 0.0f;
         }
         send(batch);
     }

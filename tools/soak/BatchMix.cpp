@@ -1,6 +1,7 @@
 #include "BatchMix.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <set>
 
@@ -11,7 +12,7 @@ namespace soak {
 namespace {
 
 // Weights of the batch kinds, in the order of BatchKind.
-constexpr int kWeights[] = {70, 5, 4, 4, 4, 4, 1, 8};
+constexpr int kWeights[] = {70, 5, 4, 4, 4, 4, 1, 8, 4};
 constexpr int kStrokeLength = 150;  // batches between pen-down and pen-up of a good stroke
 constexpr uint64_t kSampleStepMs = 4;
 
@@ -27,6 +28,7 @@ const char* kindName(BatchKind kind) {
         case BatchKind::PenStorm: return "pen_storm";
         case BatchKind::Large: return "large";
         case BatchKind::Single: return "single";
+        case BatchKind::Glitch: return "glitch";
         case BatchKind::Count: break;
     }
     return "?";
@@ -107,6 +109,14 @@ void BatchMix::next(Batch& batch) {
         case BatchKind::Single:
             batch.points.push_back(move());
             break;
+        case BatchKind::Glitch: {
+            good(batch);
+            StylusTouchPoint& point = batch.points[random() % batch.points.size()];
+            const float direction = static_cast<float>(random() % 628) / 100.0f;
+            point.x_pos += kGlitchPx * std::cos(direction);
+            point.y_pos += kGlitchPx * std::sin(direction);
+            break;
+        }
         case BatchKind::Count:
             break;
     }

@@ -19,10 +19,19 @@ enum class BatchKind {
     PenStorm,        // many pen-down and pen-up samples
     Large,           // hundreds to thousands of samples
     Single,          // one sample
+    Glitch,          // a good batch with one sample kGlitchPx off the stroke
     Count
 };
 
 const char* kindName(BatchKind kind);
+
+// How far a glitch sample lies off the stroke, and the area every sample lies in: the circling
+// pen's circle, widened by that distance.
+constexpr float kGlitchPx = 500.0f;
+constexpr float kSampleAreaMinX = 800.0f - 300.0f - kGlitchPx;
+constexpr float kSampleAreaMaxX = 800.0f + 300.0f + kGlitchPx;
+constexpr float kSampleAreaMinY = 1200.0f - 300.0f - kGlitchPx;
+constexpr float kSampleAreaMaxY = 1200.0f + 300.0f + kGlitchPx;
 
 struct Batch {
     BatchKind kind = BatchKind::Good;

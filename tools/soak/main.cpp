@@ -44,12 +44,16 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kKinds = static_cast<int>(soak::BatchKind::Count);
 constexpr int kNumPredictionsLimit = 1024;  // sanity bound on a delivered prediction count
+// A pen covers far less than this within any prediction horizon: a predicted point farther off the
+// area of all samples was thrown by an outlier.
+constexpr float kReachMarginPx = 1000.0f;
 
 // What the host callbacks saw.
 std::atomic<uint64_t> g_predictions{0};
 std::atomic<uint64_t> g_coordinates{0};
 std::atomic<uint64_t> g_inputPoints{0};
 std::atomic<uint64_t> g_badCallbacks{0};
+std::atomic<uint64_t> g_farPoints{0};
 
 void onPredictions(const PredictedStylusTouchPoints* predictions) {
     g_predictions.fetch_add(1, std::memory_order_relaxed);
@@ -59,6 +63,13 @@ void onPredictions(const PredictedStylusTouchPoints* predictions) {
         return;
     }
     g_coordinates.fetch_add(static_cast<uint64_t>(predictions->numCoordinates), std::memory_order_relaxed);
+    for (int i = 0; i < predictions->numCoordinates; ++i) {
+        const PredictedStylusCoordinate& c = predictions->coordinates[i];
+        if (!(c.x >= soak::kSampleAreaMinX - kReachMarginPx && c.x <= soak::kSampleAreaMaxX + kReachMarginPx &&
+              c.y >= soak::kSampleAreaMinY - kReachMarginPx && c.y <= soak::kSampleAreaMaxY + kReachMarginPx)) {
+            g_farPoints.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
 }
 
 void onInputPoints(const StylusTouchPoint* points, int numPoints) {
@@ -273,7 +284,8 @@ int run(const soak::SoakOptions& options) {
     const bool filesWhole = recorded.whole() && recorded.datFiles <= 1 && restarts.filesWhole;
     const double restartRssGrowth = restarts.rssEndMiB - restarts.rssStartMiB;
     const bool memoryFlat = rssGrowth <= options.rssLimitMiB && restartRssGrowth <= options.rssLimitMiB;
-    const bool callbacksSane = g_badCallbacks.load() == 0 && predictions <= sent - refused;
+    const bool callbacksSane =
+        g_badCallbacks.load() == 0 && g_farPoints.load() == 0 && predictions <= sent - refused;
     const bool pass = restartsRan && recorderBalanced && handOffMatches && filesWhole && memoryFlat && callbacksSane;
 
     Report report;
@@ -289,6 +301,7 @@ int run(const soak::SoakOptions& options) {
     report.add("batches_accepted", sent - refused);
     report.add("predictions_received", predictions);
     report.add("predicted_points_received", g_coordinates.load());
+    report.add("predicted_points_off_the_sample_area", g_farPoints.load());
     report.add("input_points_received", g_inputPoints.load());
     report.add("num_predicted_points", numPredictions);
     report.add("host_queries", queries);
