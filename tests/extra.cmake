@@ -37,8 +37,9 @@ if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.j
   add_test(NAME ReplayJsonMatchesItsSchema
     COMMAND ${replay_check} schema ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv
             ${CMAKE_SOURCE_DIR}/tools/replay/summary.schema.json)
+  stylus_host_runnable(sample_gen stylus-sample-gen)
   add_test(NAME ReplayReportLoadsInTheBrowser
-    COMMAND ${replay_check} browser ${replay} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
+    COMMAND ${replay_check} browser ${replay} ${sample_gen} ${CMAKE_SOURCE_DIR}/tools/sample/sample_240hz.csv)
   set_tests_properties(ReplayJsonMatchesItsSchema ReplayReportLoadsInTheBrowser PROPERTIES SKIP_RETURN_CODE 77)
 endif()
 
@@ -54,3 +55,8 @@ add_test(NAME TrainingStrokeResampling
 # layers compute least-squares, constant and longer-span velocities and the velocity roughness.
 add_test(NAME TrainingNetworkAndExport
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_model_export.py)
+
+# The replay report's data and figures.
+if(TARGET ReplayReportTest AND TARGET ReplayCore)
+  target_link_libraries(ReplayReportTest PRIVATE ReplayCore)
+endif()

@@ -1,11 +1,14 @@
 #!/usr/bin/python3
-"""Checks stylus-replay's outputs on the shipped sample, replayed as two recordings.
+"""Checks stylus-replay's outputs on the shipped sample.
 
   replay_outputs_check.py schema REPLAY SAMPLE SCHEMA   the --json summary against its JSON Schema,
                                                           and the totals against the recordings
-  replay_outputs_check.py browser REPLAY SAMPLE         the --report page in headless chromium:
-                                                          drawn, no script error
-Exits 77 (skipped) when python3-jsonschema or chromium is missing.
+  replay_outputs_check.py browser REPLAY SAMPLE_GEN SAMPLE
+                            the --report page in headless chromium (selenium), on a long generated
+                            recording and the sample: the last stroke reachable and drawn, one colour
+                            per predictor in charts and drawing, chart labels inside their charts,
+                            filled latency bins, no script error
+Exits 77 (skipped) when python3-jsonschema, python3-selenium or chromium is missing.
 """
 import json
 import math
@@ -17,11 +20,13 @@ import tempfile
 
 SKIP = 77
 CHROMIUM = "/usr/bin/chromium"
+CHROMEDRIVER = "/usr/bin/chromedriver"
 
 
-def replay(exe, sample, workdir, *options):
+def replay(exe, sample, workdir, *options, recordings=None):
     # Two recordings, so that the per-recording and macro figures have something to average.
-    result = subprocess.run([exe, "--quiet", "--log", os.path.join(workdir, "library.log"), *options, sample, sample],
+    result = subprocess.run([exe, "--quiet", "--log", os.path.join(workdir, "library.log"), *options,
+                             *(recordings or [sample, sample])],
                             cwd=workdir, capture_output=True, text=True, timeout=300)
     if result.returncode != 0:
         sys.exit(f"stylus-replay exited with {result.returncode}:\n{result.stdout}\n{result.stderr}")
@@ -63,34 +68,161 @@ def check_schema(exe, sample, schema_path):
     return 0
 
 
-def check_browser(exe, sample):
-    if not os.access(CHROMIUM, os.X_OK):
-        print(f"skipped: {CHROMIUM} is not installed (scripts/install-deps.sh installs chromium)")
+def strokes_of(path):
+    """Sample counts of the recording's strokes, cut as the replay cuts them: a pen-down opens one, a
+    pen-up closes one."""
+    counts, open_stroke = [], False
+    with open(path) as f:
+        next(f)
+        for line in f:
+            tag = int(line.rstrip().split(",")[6])
+            if tag == 0 or not open_stroke:
+                counts.append(0)
+            counts[-1] += 1
+            open_stroke = tag != 1
+    return counts
+
+
+# Run in the page: each chart text's box against its SVG's box (the viewBox as drawn), and the
+# histograms' filled bars.
+CHART_LAYOUT = """
+const clipped = [];
+document.querySelectorAll('svg.chart').forEach((svg) => {
+  const frame = svg.getBoundingClientRect();
+  svg.querySelectorAll('text').forEach((t) => {
+    const r = t.getBoundingClientRect();
+    if (r.left < frame.left - 0.5 || r.right > frame.right + 0.5 || r.top < frame.top - 0.5 ||
+        r.bottom > frame.bottom + 0.5) clipped.push(t.textContent);
+  });
+});
+const bars = Array.from(document.querySelectorAll('svg.histogram')).map(
+  (svg) => Array.from(svg.querySelectorAll('rect')).filter((r) => Number(r.getAttribute('height')) > 0).length);
+return [clipped, bars];
+"""
+
+# Run in the page: how many of the drawing's pixels have exactly each of the given colours.
+PIXELS_OF = """
+const canvas = document.getElementById('drawing');
+const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+const wanted = arguments[0].map((c) => [parseInt(c.slice(1, 3), 16), parseInt(c.slice(3, 5), 16), parseInt(c.slice(5, 7), 16)]);
+const counts = wanted.map(() => 0);
+for (let i = 0; i < pixels.length; i += 4) {
+  wanted.forEach((w, j) => {
+    if (pixels[i] === w[0] && pixels[i + 1] === w[1] && pixels[i + 2] === w[2] && pixels[i + 3] === 255) counts[j]++;
+  });
+}
+return counts;
+"""
+
+
+def check_browser(exe, sample_gen, sample):
+    try:
+        from selenium import webdriver
+        from selenium.webdriver.chrome.service import Service
+        from selenium.webdriver.support.ui import Select
+    except ImportError:
+        print("skipped: python3-selenium is not installed (scripts/install-deps.sh installs it)")
         return SKIP
+    for tool in (CHROMIUM, CHROMEDRIVER):
+        if not os.access(tool, os.X_OK):
+            print(f"skipped: {tool} is not installed (scripts/install-deps.sh installs chromium and chromium-driver)")
+            return SKIP
     with tempfile.TemporaryDirectory() as workdir:
+        # A long recording, far past what one screen of strokes shows, then the shipped sample.
+        long_recording = os.path.join(workdir, "long.csv")
+        subprocess.run([sample_gen, "--seed", "7", "--words", "60", long_recording], check=True, timeout=60)
+        strokes = strokes_of(long_recording)
+        assert len(strokes) > 50 and sum(strokes[:-1]) > 10000, (len(strokes), sum(strokes))
         page = os.path.join(workdir, "report.html")
-        replay(exe, sample, workdir, "--report", page)
-        profile = os.path.join(workdir, "profile")
-        browser = subprocess.run(
-            [CHROMIUM, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-             "--disable-background-networking", "--disable-component-update", "--disable-sync",
-             f"--user-data-dir={profile}", "--enable-logging=stderr", "--v=0", "--window-size=1280,2000",
-             "--dump-dom", "file://" + page],
-            capture_output=True, text=True, timeout=120)
-    dom, log = browser.stdout, browser.stderr
-    errors = [line for line in log.splitlines() if "CONSOLE" in line or "Uncaught" in line]
-    if errors:
-        sys.exit("the page logged:\n" + "\n".join(errors))
-    failed = re.search(r'<html[^>]* data-script-error="[^"]*"', dom)
-    if failed:
-        sys.exit("a script failed: " + failed.group(0))
-    rendered = re.search(r'<body[^>]* data-rendered="(\d+)"', dom)
-    if not rendered or int(rendered.group(1)) == 0:
-        sys.exit(f"the drawing was not rendered (exit {browser.returncode}):\n{log[-2000:]}")
-    options = re.findall(r"<option value=\"\d+\">", dom)
-    if len(options) != 2:
-        sys.exit(f"{len(options)} recordings can be chosen, expected 2")
-    print(f"rendered {rendered.group(1)} points, both recordings reachable, no script error")
+        replay(exe, sample, workdir, "--report", page, recordings=[long_recording, sample])
+        samples = sum(strokes) + sum(strokes_of(sample))
+        size = os.path.getsize(page)
+        print(f"page: {size} bytes for {samples} samples ({size / samples:.1f} bytes per sample)")
+        # Every stroke is on the page, so it grows with the samples; no more than a few numbers each.
+        assert size < 80 * samples, size
+
+        options = webdriver.ChromeOptions()
+        options.binary_location = CHROMIUM
+        for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--window-size=1280,1000",
+                         "--force-device-scale-factor=1", f"--user-data-dir={os.path.join(workdir, 'profile')}"):
+            options.add_argument(argument)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+        try:
+            return check_page(driver, page, strokes, Select)
+        finally:
+            driver.quit()
+
+
+def check_page(driver, page, strokes, Select):
+    def attribute(element, name):
+        return driver.execute_script(f"return document.{element}.getAttribute('{name}')")
+
+    def failed(message):
+        sys.exit(message + "; the page logged: " + str(driver.get_log("browser")))
+
+    driver.get("file://" + page)
+    by_id = lambda name: driver.find_element("id", name)
+    if attribute("documentElement", "data-script-error"):
+        failed("a script failed: " + attribute("documentElement", "data-script-error"))
+    recordings = Select(by_id("recording"))
+    if len(recordings.options) != 2 or "long.csv" not in recordings.options[0].text:
+        failed("recordings to choose: " + str([o.text for o in recordings.options]))
+
+    # The last stroke of the long recording: reached with the picker, drawn whole.
+    recordings.select_by_index(0)
+    by_id("last").click()
+    if by_id("stroke").get_attribute("value") != str(len(strokes)) or by_id("stroke-count").text != str(len(strokes)):
+        failed(f"the last stroke is {by_id('stroke').get_attribute('value')} of {by_id('stroke-count').text}, "
+               f"expected {len(strokes)}")
+    Select(by_id("window-size")).select_by_value("0")
+    Select(by_id("every")).select_by_value("1")
+    info = by_id("stroke-info").text
+    expected = f"stroke {len(strokes)} of {len(strokes)}: {strokes[-1]} samples"
+    if expected not in info or int(attribute("body", "data-rendered")) == 0:
+        failed(f"the last stroke was not drawn: {info!r}, expected {expected!r}")
+
+    # One colour per predictor: the chart's bars, the drawing's legend and the drawing itself.
+    predictors = driver.execute_script(
+        "return JSON.parse(document.getElementById('replay-data').textContent).predictors.map((p) => p.key)")
+    colours = {}
+    for key in predictors:
+        fills = {e.get_attribute("fill") for e in driver.find_elements("css selector", f"svg rect[data-predictor='{key}']")}
+        swatches = {driver.execute_script("const c = getComputedStyle(arguments[0]).backgroundColor;"
+                                          "return '#' + c.match(/\\d+/g).slice(0, 3).map((v) => Number(v).toString(16)"
+                                          ".padStart(2, '0')).join('');", e)
+                    for e in driver.find_elements("css selector", f"#predictor-legend i[data-predictor='{key}']")}
+        if len(fills) != 1 or swatches != fills:
+            failed(f"{key}: chart bars {fills}, drawing legend {swatches}")
+        colours[key] = fills.pop()
+    if len(set(colours.values())) != len(colours):
+        failed(f"predictors share a colour: {colours}")
+    by_id("show-truth").click()
+    for key in predictors:
+        for other in predictors:
+            box = by_id("show-" + other)
+            if box.is_selected() != (other == key):
+                box.click()
+        counts = driver.execute_script(PIXELS_OF, [colours[p] for p in predictors])
+        alone = dict(zip(predictors, counts))
+        if alone[key] == 0 or any(n > 0 for p, n in alone.items() if p != key):
+            failed(f"with only {key} shown the drawing's pixels of each chart colour are {alone}")
+
+    # Deep links open a stroke; the charts' labels lie inside them and the histograms have bins.
+    driver.get("file://" + page + "#recording=1&stroke=last")
+    driver.refresh()
+    if by_id("stroke").get_attribute("value") != str(len(strokes)):
+        failed("#stroke=last opened stroke " + by_id("stroke").get_attribute("value"))
+    clipped, bars = driver.execute_script(CHART_LAYOUT)
+    if clipped:
+        failed(f"chart labels outside their chart: {clipped}")
+    if len(bars) != 2 or min(bars) < 2:
+        failed(f"filled bins of the latency histograms: {bars}")
+    errors = [entry for entry in driver.get_log("browser") if entry["level"] == "SEVERE"]
+    if errors or attribute("documentElement", "data-script-error"):
+        failed(f"script errors: {errors}")
+    print(f"last of {len(strokes)} strokes drawn ({strokes[-1]} samples), colours {colours} agree between "
+          f"charts and drawing, chart labels inside their charts, latency bins filled: {bars}")
     return 0
 
 
@@ -98,7 +230,7 @@ def main():
     sys.argv[2:] = [os.path.abspath(arg) for arg in sys.argv[2:]]
     if len(sys.argv) == 5 and sys.argv[1] == "schema":
         return check_schema(*sys.argv[2:])
-    if len(sys.argv) == 4 and sys.argv[1] == "browser":
+    if len(sys.argv) == 5 and sys.argv[1] == "browser":
         return check_browser(*sys.argv[2:])
     sys.exit(__doc__)
 

@@ -6,16 +6,13 @@
 
 #include "JsonText.h"
 #include "ReportFigures.h"
+#include "ReportPredictors.h"
 #include "ReportScript.h"
 #include "SummaryText.h"
 
 namespace replay {
 
 namespace {
-
-// From near to far ahead; more horizons than colours take them round again.
-const char* const horizonColours[] = {"#2166ac", "#1b9e77", "#d4a017", "#e7298a", "#b2182b", "#762a83", "#666666"};
-constexpr std::size_t horizonColourCount = sizeof(horizonColours) / sizeof(horizonColours[0]);
 
 // JSON text that may sit inside a script element.
 std::string scriptSafe(const std::string& text) {
@@ -30,87 +27,128 @@ std::string scriptSafe(const std::string& text) {
     return safe;
 }
 
-std::string jsonNumber(double value) { return std::isfinite(value) ? ReportFigures::number(value, 1) : "null"; }
+int64_t quantised(double pixels) { return std::llround(pixels / HtmlReport::positionUnit); }
+
+void append(std::string& list, int64_t value) {
+    if (!list.empty()) {
+        list += ',';
+    }
+    list += std::to_string(value);
+}
 
 }  // namespace
 
-HtmlReport::HtmlReport(int predictionStepMs, int numPredictions, std::size_t sampleBudget)
-    : predictionStepMs(std::max(1, predictionStepMs)),
-      numPredictions(std::max(1, numPredictions)),
-      sampleBudget(sampleBudget) {}
+HtmlReport::HtmlReport(int predictionStepMs, int numPredictions)
+    : predictionStepMs(std::max(1, predictionStepMs)), numPredictions(std::max(1, numPredictions)) {}
 
-void HtmlReport::add(const Recording& recording, const Batching& batching, const std::vector<PointResult>& results) {
-    DrawnRecording drawn;
-    drawn.path = recording.path;
-    drawn.strokeCount = batching.strokes.size();
-    std::size_t samples = 0;
-    for (const Stroke& stroke : batching.strokes) {
-        if (samples + stroke.count > sampleBudget && !drawn.strokes.empty()) {
-            break;
-        }
-        DrawnStroke line;
+std::vector<HtmlReport::EncodedStroke> HtmlReport::encode(const Recording& recording, const Batching& batching,
+                                                          const std::vector<PointResult>& results,
+                                                          int predictionStepMs, int numPredictions) {
+    predictionStepMs = std::max(1, predictionStepMs);
+    numPredictions = std::max(1, numPredictions);
+    std::vector<EncodedStroke> strokes(batching.strokes.size());
+    const int64_t origin = recording.samples.empty() ? 0 : static_cast<int64_t>(recording.samples.front().timestamp);
+    for (std::size_t s = 0; s < strokes.size(); ++s) {
+        const Stroke& stroke = batching.strokes[s];
+        EncodedStroke& encoded = strokes[s];
+        encoded.sampleCount = stroke.count;
+        int64_t t = origin, x = 0, y = 0;
         for (std::size_t i = stroke.first; i < stroke.first + stroke.count; ++i) {
-            line.samples.push_back(recording.samples[i].x_pos);
-            line.samples.push_back(recording.samples[i].y_pos);
+            const StylusTouchPoint& sample = recording.samples[i];
+            const int64_t sampleT = static_cast<int64_t>(sample.timestamp);
+            const int64_t sampleX = quantised(sample.x_pos), sampleY = quantised(sample.y_pos);
+            append(encoded.times, sampleT - t);
+            append(encoded.samples, sampleX - x);
+            append(encoded.samples, sampleY - y);
+            t = sampleT;
+            x = sampleX;
+            y = sampleY;
         }
-        drawn.strokes.push_back(std::move(line));
-        samples += stroke.count;
     }
-    // Rows per batch: [base x, base y, [[k, where, x, y, true x, true y, cv x, cv y, ls x, ls y], ...]],
-    // where 0 inside, 1 past the end, 2 dropped inside, 3 dropped past the end.
-    std::string* open = nullptr;
-    for (std::size_t i = 0; i < results.size(); ++i) {
-        const PointResult& r = results[i];
-        if (r.stroke >= drawn.strokes.size()) {
+
+    const std::vector<ReportPredictor>& predictors = reportPredictors();
+    std::vector<int64_t> previousBase(strokes.size(), 0);
+    std::vector<int64_t> guesses;
+    for (std::size_t i = 0; i < results.size();) {
+        const PointResult& first = results[i];
+        std::size_t end = i;
+        while (end < results.size() && results[end].batch == first.batch) {
+            ++end;
+        }
+        if (first.batch >= batching.batches.size() || batching.batches[first.batch].stroke >= strokes.size()) {
+            i = end;
             continue;
         }
-        std::string& rows = drawn.strokes[r.stroke].predictions;
-        if (i == 0 || results[i - 1].batch != r.batch || open != &rows) {
-            if (open != nullptr) {
-                *open += "]]";
+        const Batch& batch = batching.batches[first.batch];
+        const Stroke& stroke = batching.strokes[batch.stroke];
+        EncodedStroke& encoded = strokes[batch.stroke];
+        const std::size_t newest = batch.first + batch.count - 1;
+        const int64_t base = static_cast<int64_t>(newest - stroke.first);
+        append(encoded.batches, base - previousBase[batch.stroke]);
+        append(encoded.batches, static_cast<int64_t>(end - i));
+        previousBase[batch.stroke] = base;
+        ++encoded.batchCount;
+        const int64_t baseX = quantised(recording.samples[newest].x_pos);
+        const int64_t baseY = quantised(recording.samples[newest].y_pos);
+        for (std::size_t j = i; j < end; ++j) {
+            const PointResult& r = results[j];
+            const bool inside = r.where == TruthPoint::Where::Inside;
+            const int where = (r.dropped ? 2 : 0) + (inside ? 0 : 1);
+            const int64_t k = std::clamp<int64_t>(r.horizonMs / predictionStepMs, 1, numPredictions);
+            int64_t mask = 0;
+            guesses.clear();
+            for (std::size_t p = 0; p < predictors.size(); ++p) {
+                double gx = 0.0, gy = 0.0;
+                if (predictors[p].guess(r, gx, gy)) {
+                    mask |= int64_t{1} << p;
+                    guesses.push_back(quantised(gx));
+                    guesses.push_back(quantised(gy));
+                }
             }
-            rows += rows.empty() ? "[" : ",[";
-            rows += jsonNumber(r.baseX) + "," + jsonNumber(r.baseY) + ",[";
-            open = &rows;
-        } else {
-            rows += ",";
+            append(encoded.batches, (mask * 4 + where) * (numPredictions + 1) + k);
+            int64_t fromX = baseX, fromY = baseY;
+            if (inside) {
+                const int64_t truthX = quantised(r.truthX), truthY = quantised(r.truthY);
+                append(encoded.batches, truthX - baseX);
+                append(encoded.batches, truthY - baseY);
+                fromX = truthX;
+                fromY = truthY;
+            }
+            for (std::size_t g = 0; g < guesses.size(); g += 2) {
+                append(encoded.batches, guesses[g] - fromX);
+                append(encoded.batches, guesses[g + 1] - fromY);
+            }
         }
-        const bool inside = r.where == TruthPoint::Where::Inside;
-        const int where = (r.dropped ? 2 : 0) + (inside ? 0 : 1);
-        const int k = static_cast<int>(std::clamp<int64_t>(r.horizonMs / predictionStepMs, 1, numPredictions));
-        rows += "[" + std::to_string(k) + "," + std::to_string(where) + "," +
-                (r.dropped ? std::string("null,null") : jsonNumber(r.x) + "," + jsonNumber(r.y)) + "," +
-                (inside ? jsonNumber(r.truthX) + "," + jsonNumber(r.truthY) : std::string("null,null")) + "," +
-                (r.hasBaseline ? jsonNumber(r.baselineX) + "," + jsonNumber(r.baselineY) : std::string("null,null")) +
-                "," + jsonNumber(r.lsX) + "," + jsonNumber(r.lsY) + "]";
+        i = end;
     }
-    if (open != nullptr) {
-        *open += "]]";
-    }
-    recordings.push_back(std::move(drawn));
+    return strokes;
+}
+
+void HtmlReport::add(const Recording& recording, const Batching& batching, const std::vector<PointResult>& results) {
+    recordings.push_back({recording.path, encode(recording, batching, results, predictionStepMs, numPredictions)});
 }
 
 void HtmlReport::writeData(std::ostream& out) const {
-    out << "<script type='application/json' id='replay-data'>{\"horizons\": [";
+    out << "<script type='application/json' id='replay-data'>{\"unit\": " << positionUnit << ", \"horizons\": [";
     for (int k = 1; k <= numPredictions; ++k) {
         out << (k > 1 ? "," : "") << k * predictionStepMs;
     }
-    out << "], \"colours\": [";
-    for (std::size_t i = 0; i < horizonColourCount; ++i) {
-        out << (i > 0 ? "," : "") << "\"" << horizonColours[i] << "\"";
+    out << "],\n\"predictors\": [";
+    const std::vector<ReportPredictor>& predictors = reportPredictors();
+    for (std::size_t p = 0; p < predictors.size(); ++p) {
+        out << (p > 0 ? ",\n" : "\n") << "{\"key\": \"" << predictors[p].key << "\", \"name\": \""
+            << scriptSafe(jsonEscape(predictors[p].name)) << "\", \"colour\": \"" << predictors[p].colour
+            << "\", \"marker\": \"" << predictors[p].marker << "\"}";
     }
     out << "],\n\"recordings\": [";
     for (std::size_t r = 0; r < recordings.size(); ++r) {
         const DrawnRecording& recording = recordings[r];
         out << (r > 0 ? ",\n" : "\n") << "{\"name\": \"" << scriptSafe(jsonEscape(recording.path))
-            << "\", \"strokeCount\": " << recording.strokeCount << ", \"strokes\": [";
+            << "\", \"strokes\": [";
         for (std::size_t s = 0; s < recording.strokes.size(); ++s) {
-            const DrawnStroke& stroke = recording.strokes[s];
-            out << (s > 0 ? ",\n" : "\n") << "{\"xy\": [";
-            for (std::size_t i = 0; i < stroke.samples.size(); ++i) {
-                out << (i > 0 ? "," : "") << jsonNumber(stroke.samples[i]);
-            }
-            out << "], \"batches\": [" << stroke.predictions << "]}";
+            const EncodedStroke& stroke = recording.strokes[s];
+            out << (s > 0 ? ",\n" : "\n") << "[" << stroke.sampleCount << "," << stroke.batchCount << ",\""
+                << stroke.times << "\",\"" << stroke.samples << "\",\"" << stroke.batches << "\"]";
         }
         out << "]}";
     }
@@ -140,33 +178,40 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
         << summary.counts.strokes << " strokes, " << summary.counts.samples << " samples; batches of up to "
         << summary.batchSize << " samples; " << ReportFigures::escapeHtml(summary.configPath) << ".</p>\n";
 
+    // The predictor and horizon switches and their legend are built by the script from the page's data,
+    // so that every predictor's colour comes from the one table.
     out << "<h2>Strokes and predictions</h2>\n<div class='controls'><label>Recording <select id='recording'>"
-           "</select></label><span><button id='previous' type='button'>&#8592;</button> stroke "
-           "<input id='stroke' type='number' min='1' value='1' style='width:5em'> "
-           "<button id='next' type='button'>&#8594;</button> <button id='whole' type='button'>whole "
-           "stroke</button></span>"
-           "<label><input id='show-model' type='checkbox' checked>model</label>"
-           "<label><input id='show-truth' type='checkbox' checked>true position</label>"
-           "<label><input id='show-ls' type='checkbox' checked>least squares (3)</label>"
-           "<label><input id='show-cv' type='checkbox' checked>constant velocity</label></div>\n";
-    out << "<div class='legend' id='horizon-legend'><span>horizons:</span></div>\n"
-           "<div class='legend'>"
-           "<span><svg width='12' height='12'><circle cx='6' cy='6' r='4' fill='#555'/></svg>model</span>"
-           "<span><svg width='12' height='12'><circle cx='6' cy='6' r='4.5' fill='none' stroke='#000' "
-           "stroke-width='1.5'/></svg>true position (line to the model's point)</span>"
-           "<span><svg width='12' height='12'><path d='M6 1 L11 6 L6 11 L1 6 Z' fill='none' stroke='#555' "
-           "stroke-width='1.5'/></svg>least squares (3)</span>"
-           "<span><svg width='12' height='12'><rect x='2' y='2' width='8' height='8' fill='none' stroke='#555' "
-           "stroke-width='1.5'/></svg>constant velocity</span>"
-           "<span><svg width='12' height='12'><path d='M2 2 L10 10 M10 2 L2 10' stroke='#d00' stroke-width='1.5'/>"
+           "</select></label><span>Stroke <button id='first' type='button' title='first stroke'>&#8676;</button>"
+           "<button id='previous' type='button' title='previous stroke'>&#8592;</button> "
+           "<input id='stroke' type='number' min='1' value='1' style='width:5.5em'> of <span id='stroke-count'>"
+           "</span> <button id='next' type='button' title='next stroke'>&#8594;</button>"
+           "<button id='last' type='button' title='last stroke'>&#8677;</button></span>"
+           "<input id='stroke-slider' type='range' min='1' value='1' style='width:220px' title='stroke'></div>\n"
+           "<div class='controls'><label>Batches shown <select id='window-size'><option value='5'>5</option>"
+           "<option value='10' selected>10</option><option value='20'>20</option><option value='40'>40</option>"
+           "<option value='80'>80</option><option value='0'>all</option></select></label><label>every "
+           "<select id='every'><option value='0' selected>a horizon apart</option><option value='1'>batch</option>"
+           "<option value='2'>2nd</option><option value='4'>4th</option><option value='8'>8th</option></select>"
+           "</label>"
+           "<span><button id='window-back' type='button'>&#9664;</button> from batch <input id='window-start' "
+           "type='range' min='0' value='0' style='width:220px'> <button id='window-on' type='button'>&#9654;"
+           "</button></span><span>Zoom <button id='zoom-out' type='button'>&#8722;</button>"
+           "<button id='zoom-in' type='button'>+</button> <button id='fit' type='button'>fit</button></span></div>\n";
+    out << "<div class='legend' id='predictor-legend'></div>\n<div class='legend' id='horizon-legend'>"
+           "<span>horizons (marker size grows with the horizon):</span></div>\n"
+           "<div class='legend'><span><svg width='12' height='12'><circle cx='6' cy='6' r='4.5' fill='none' "
+           "stroke='#000' stroke-width='1.5'/></svg>true position, with a line to the model's point</span>"
+           "<span><svg width='12' height='12'><path d='M2 2 L10 10 M10 2 L2 10' stroke='#000' stroke-width='1.5'/>"
            "</svg>true position of a point the model dropped inside the stroke</span>"
-           "<span>colour: horizon; orange line: from the batch's newest sample through its predictions</span></div>\n";
+           "<span>each predictor's line runs from the batch's newest sample through its predictions; "
+           "the stroke outside the batches shown is pale</span></div>\n";
     out << "<canvas id='drawing'></canvas>\n<p class='note' id='stroke-info'></p>\n";
-    out << "<p class='note'>Of each recording the first strokes are drawn, up to about " << sampleBudget
-        << " samples; every figure below counts all of them. Arrow buttons or the number choose the stroke; a click "
-           "on the drawing zooms in around that point.</p>\n";
+    out << "<p class='note'>Every stroke of every recording can be drawn, a few batches at a time: by default "
+           "batches at least the longest horizon apart, so that their predictions do not lie over each other; the "
+           "slider moves the batches shown along the stroke and the view fits them. A click on the drawing zooms in "
+           "around that point, a shift-click zooms out.</p>\n";
 
-    out << "<h2>Per recording</h2>\n<p class='note'>Mean error in mm (95th percentile on hover), best of the three "
+    out << "<h2>Per recording</h2>\n<p class='note'>Mean error in mm (95th percentile on hover), best "
            "in bold. LS3: least-squares velocity over the last 3 samples; CV: constant velocity from the last 2. "
            "Macro average: each recording weighs the same.</p>\n";
     out << "<h3>With the model's drops inside a stroke charged as \"no prediction\" (the pen shown where it last "

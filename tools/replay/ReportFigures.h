@@ -1,6 +1,7 @@
 // The static parts of the replay report: SVG charts and HTML tables, written from the summary.
 #pragma once
 
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -12,8 +13,8 @@ namespace replay {
 
 class ReportFigures {
 public:
-    // Grouped bars per horizon, mean with a whisker to the 95th percentile, for the model and both
-    // baselines; charged: the set with the model's drops charged, else where every predictor predicts.
+    // Grouped bars per horizon, mean with a whisker to the 95th percentile, for every predictor;
+    // charged: the set with the model's drops charged, else where every predictor predicts.
     static void errorChart(std::ostream& out, const std::vector<HorizonSummary>& horizons, bool charged);
     // Below the charts, in HTML, so that no label can run into another.
     static void chartLegend(std::ostream& out);
@@ -21,6 +22,15 @@ public:
     static void recordingTable(std::ostream& out, const ReplaySummary& summary, bool charged);
     static void dropTable(std::ostream& out, const ReplaySummary& summary);
     static void histogram(std::ostream& out, const ErrorStats& stats, const std::string& title);
+
+    // A histogram's bins: counts[i] holds the values in [edges[i], edges[i + 1]), the last bin also
+    // its upper edge; values below the first edge count in the first bin.
+    struct Bins {
+        bool logarithmic = false;
+        std::vector<double> edges;
+        std::vector<std::size_t> counts;
+    };
+    static Bins latencyBins(const std::vector<double>& sortedValues);
 
     static std::string number(double value, int decimals = 2);
     static std::string escapeHtml(const std::string& text);
