@@ -11,7 +11,7 @@ packages=(
   libarmnn-dev libarmnntfliteparser-dev libarmnn-cpuref-backend22
   libxnnpack-dev libpthreadpool-dev libcpuinfo-dev libflatbuffers-dev
   python3 python3-numpy python3-flatbuffers
-  python3-jsonschema chromium
+  python3-jsonschema chromium chromium-driver python3-selenium
   "$@"
 )
 

@@ -83,16 +83,19 @@ def strokes_of(path):
     return counts
 
 
-# Run in the page: each chart text's box against its SVG's box (the viewBox as drawn), and the
-# histograms' filled bars.
+# Run in the page: each chart text's box against its SVG's box (the viewBox as drawn) and against the
+# other texts, and the histograms' filled bars.
 CHART_LAYOUT = """
 const clipped = [];
 document.querySelectorAll('svg.chart').forEach((svg) => {
   const frame = svg.getBoundingClientRect();
-  svg.querySelectorAll('text').forEach((t) => {
-    const r = t.getBoundingClientRect();
+  const boxes = Array.from(svg.querySelectorAll('text')).map((t) => [t.textContent, t.getBoundingClientRect()]);
+  boxes.forEach(([text, r], i) => {
     if (r.left < frame.left - 0.5 || r.right > frame.right + 0.5 || r.top < frame.top - 0.5 ||
-        r.bottom > frame.bottom + 0.5) clipped.push(t.textContent);
+        r.bottom > frame.bottom + 0.5) clipped.push(text);
+    boxes.slice(i + 1).forEach(([other, o]) => {
+      if (r.left < o.right && o.left < r.right && r.top < o.bottom && o.top < r.bottom) clipped.push(text + ' over ' + other);
+    });
   });
 });
 const bars = Array.from(document.querySelectorAll('svg.histogram')).map(
@@ -215,14 +218,14 @@ def check_page(driver, page, strokes, Select):
         failed("#stroke=last opened stroke " + by_id("stroke").get_attribute("value"))
     clipped, bars = driver.execute_script(CHART_LAYOUT)
     if clipped:
-        failed(f"chart labels outside their chart: {clipped}")
+        failed(f"chart labels outside their chart or over each other: {clipped}")
     if len(bars) != 2 or min(bars) < 2:
         failed(f"filled bins of the latency histograms: {bars}")
     errors = [entry for entry in driver.get_log("browser") if entry["level"] == "SEVERE"]
     if errors or attribute("documentElement", "data-script-error"):
         failed(f"script errors: {errors}")
     print(f"last of {len(strokes)} strokes drawn ({strokes[-1]} samples), colours {colours} agree between "
-          f"charts and drawing, chart labels inside their charts, latency bins filled: {bars}")
+          f"charts and drawing, chart labels inside their charts and apart, latency bins filled: {bars}")
     return 0
 
 

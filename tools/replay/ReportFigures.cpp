@@ -176,7 +176,8 @@ void ReportFigures::histogram(std::ostream& out, const ErrorStats& stats, const 
             continue;
         }
         const double left = x(bins.edges[i]), right = x(bins.edges[i + 1]);
-        const double top = frame.y(static_cast<double>(bins.counts[i]));
+        // A few slow batches stay visible next to thousands of others.
+        const double top = std::min(frame.y(static_cast<double>(bins.counts[i])), frame.y(0) - 1.5);
         out << "<rect x='" << number(left) << "' y='" << number(top) << "' width='"
             << number(std::max(0.5, right - left - 1)) << "' height='" << number(frame.y(0) - top) << "' fill='"
             << colour << "'><title>" << number(bins.edges[i], 0) << "-" << number(bins.edges[i + 1], 0)
