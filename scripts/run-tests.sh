@@ -8,8 +8,9 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
-# python3-torch: the tests of the training code's network and its export.
-scripts/install-deps.sh python3-torch
+# python3-torch: the tests of the training code's network and its export; chromium, chromium-driver
+# and python3-selenium: stylus-live's test in a real browser.
+scripts/install-deps.sh python3-torch chromium chromium-driver python3-selenium
 
 jobs=${JOBS:-$(nproc)}
 configs=("$@")
