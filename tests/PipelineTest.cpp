@@ -9,6 +9,8 @@
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <climits>
+#include <cmath>
+#include <limits>
 #include <condition_variable>
 #include <fstream>
 #include <functional>
@@ -17,6 +19,8 @@
 #include <tuple>
 #include <vector>
 
+#include "BatchScan.h"
+#include "RecordingFormat.h"
 #include "StylusStrokePredictor.h"
 #include "TestSupport.h"
 
@@ -239,30 +243,31 @@ TEST_F(PipelineTest, PredictionsCarryExactCoordinatesTimestampsAndInputPoints) {
     }
 }
 
-TEST_F(PipelineTest, BatchesAreScannedFromTheirEnd) {
-    Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 1,
-        "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\""));
-    // Pen down in the middle: the sample before it is lost, the boundary is recorded first.
-    EXPECT_EQ(pipeline.send({sample(1, 1, 1, 2), sample(2, 2, 2, 0), sample(3, 3, 3, 2), sample(4, 4, 4, 2)}), 0);
-    // A repeated timestamp keeps the later sample of the array.
-    EXPECT_EQ(pipeline.send({sample(10, 1.5f, 1, 2), sample(10, 2.5f, 2, 2)}), 0);
-    // Pen up last: a boundary and no points, the moves before it are dropped.
-    EXPECT_EQ(pipeline.send({sample(11, 5, 5, 2), sample(12, 6, 6, 2), sample(13, 7, 7, 1)}), 0);
-    // An empty batch is still queued.
-    LogCapture log(velmar::Verbose);
-    const StylusTouchPoint unread = sample(20, 9, 9, 2);
-    EXPECT_EQ(sendInputTouchPoints(pipeline.handle, &unread, 0), 0);
-    EXPECT_TRUE(log.contains("Sending a batch of 0 points"));
-    pipeline.stop();
-
-    const std::vector<std::string> expected = {
-        "2,2.0000000,2.0000000,0.5000000,0.2500000,1.5000000,0",
-        "3,3.0000000,3.0000000,0.5000000,0.2500000,1.5000000,2",
-        "4,4.0000000,4.0000000,0.5000000,0.2500000,1.5000000,2",
-        "10,2.5000000,2.0000000,0.5000000,0.2500000,1.5000000,2",
-        "13,7.0000000,7.0000000,0.5000000,0.2500000,1.5000000,1",
+// The predictor sees a batch from its end: the last pen-down or pen-up is the boundary, the moves
+// after it are its points, and a repeated timestamp keeps the later sample of the array.
+TEST(BatchScanTest, TheLastBoundaryAndTheMovesAfterItByTimestamp) {
+    const struct {
+        std::vector<StylusTouchPoint> batch;
+        int boundaryTimestamp;  // -1: none
+        std::vector<float> pointXs;
+    } cases[] = {
+        {{sample(1, 1, 1, 2), sample(2, 2, 2, 0), sample(3, 3, 3, 2), sample(4, 4, 4, 2)}, 2, {3, 4}},
+        {{sample(10, 1.5f, 1, 2), sample(10, 2.5f, 2, 2)}, -1, {2.5f}},
+        {{sample(11, 5, 5, 2), sample(12, 6, 6, 2), sample(13, 7, 7, 1)}, 13, {}},
+        {{}, -1, {}},
     };
-    EXPECT_EQ(recordedRows(recordings), expected);
+    for (const auto& c : cases) {
+        StylusPointMessage message;
+        styluspipeline::scanBatch(c.batch.data(), c.batch.size(), message);
+        EXPECT_EQ(message.hasStrokeBoundary ? static_cast<int>(message.strokeBoundaryPoint.timestamp) : -1,
+                  c.boundaryTimestamp);
+        std::vector<float> xs;
+        for (const auto& entry : message.points) {
+            EXPECT_EQ(entry.first, entry.second.timestamp);
+            xs.push_back(entry.second.x_pos);
+        }
+        EXPECT_EQ(xs, c.pointXs);
+    }
 }
 
 // Any policy but "Block" rejects the newest batch. Refusals of calls 5 to 119 are counted; the 120th call
@@ -328,31 +333,65 @@ TEST_F(PipelineTest, SummariesAreLoggedEvery120Predictions) {
     }
 }
 
-TEST_F(PipelineTest, RecordsEveryAcceptedSampleInOrderWithOpenPermissions) {
-    Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 7,
-        "numChunksInFile": 1000, "diskFillPercentTh": 100, "dataFileDirectory": ")" + recordings + "\""));
-    const auto batches = strokeBatches(500, 12);
-    for (const auto& batch : batches) {
-        ASSERT_EQ(pipeline.send(batch), 0);
-    }
-    pipeline.stop();
-
-    std::vector<std::string> expected;
-    for (const auto& batch : batches) {
-        for (const auto& point : batch) {
-            expected.push_back(std::to_string(point.timestamp));
+// The recording holds every sample the host sent, in its order: moves before a pen-up or pen-down in
+// the same batch and repeated timestamps included; a sample that is not a number is counted instead.
+TEST_F(PipelineTest, RecordsEverySampleSentInOrderWithOpenPermissions) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    constexpr int32_t D = STYLUS_TAG_PEN_DOWN;
+    constexpr int32_t U = STYLUS_TAG_PEN_UP;
+    constexpr int32_t M = STYLUS_TAG_MOVE;
+    const struct {
+        const char* what;
+        std::vector<std::vector<StylusTouchPoint>> batches;
+        int notNumbers;
+    } cases[] = {
+        {"strokes as the hardware cuts them", strokeBatches(500, 12), 0},
+        {"moves before a boundary",
+         {{sample(0, 1, 1, D), sample(4, 2, 2, M), sample(8, 3, 3, M)},
+          {sample(12, 4, 4, M), sample(16, 5, 5, M), sample(20, 6, 6, M), sample(24, 7, 7, U)},
+          {sample(30, 1, 1, M), sample(34, 2, 2, U), sample(40, 9, 9, D), sample(44, 8, 8, M)}},
+         0},
+        {"repeated timestamps",
+         {{sample(0, 1, 1, D), sample(4, 2, 2, M), sample(4, 3, 3, M), sample(4, 4, 4, M)},
+          {sample(8, 5, 5, M), sample(8, 6, 6, U), sample(8, 7, 7, D)}},
+         0},
+        {"samples that are not numbers",
+         {{sample(0, 1, 1, D), sample(4, nan, 2, M), sample(8, 3, 3, M)},
+          {sample(12, 4, inf, M), sample(16, 5, 5, M), sample(20, 6, -inf, U)}},
+         3},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir out;
+        LogCapture log(velmar::Warning);
+        Pipeline pipeline(writeConfig(dir, R"(, "enableDataWriting": true, "chunkSizeInRecords": 2,
+            "numChunksInFile": 1000, "diskFillPercentTh": 100, "dataFileDirectory": ")" + out.path() + "\""));
+        std::vector<std::string> expected;
+        for (const auto& batch : c.batches) {
+            ASSERT_EQ(pipeline.send(batch), 0);
+            ASSERT_TRUE(pipeline.waitIdle());
+            for (const auto& point : batch) {
+                if (std::isfinite(point.x_pos) && std::isfinite(point.y_pos)) {
+                    const std::string row = recordingformat::row(point);
+                    expected.push_back(row.substr(0, row.size() - 1));
+                }
+            }
         }
-    }
-    std::vector<std::string> timestamps;
-    for (const auto& row : recordedRows(recordings)) {
-        timestamps.push_back(row.substr(0, row.find(',')));
-    }
-    EXPECT_EQ(timestamps, expected);
-    for (const auto& name : testsupport::filesIn(recordings)) {
-        EXPECT_EQ(name.find(".tmp"), std::string::npos) << name;
-        struct stat info {};
-        ASSERT_EQ(::stat(name.c_str(), &info), 0);
-        EXPECT_EQ(info.st_mode & 0777, 0666u) << name;
+        pipeline.stop();
+        EXPECT_EQ(recordedRows(out.path()), expected);
+        EXPECT_EQ(log.countPrefix("Sample at timestamp 4 not recorded: a value is not a number (1 so far)"),
+                  c.notNumbers > 0 ? 1 : 0);
+        EXPECT_EQ(log.countPrefix("Recorder samples at shutdown : accepted " + std::to_string(expected.size() + c.notNumbers) +
+                                  ", written " + std::to_string(expected.size()) + ", lost 0, refused by the full queue 0, not numbers " +
+                                  std::to_string(c.notNumbers)),
+                  1);
+        for (const auto& name : testsupport::filesIn(out.path())) {
+            EXPECT_EQ(name.find(".tmp"), std::string::npos) << name;
+            struct stat info {};
+            ASSERT_EQ(::stat(name.c_str(), &info), 0);
+            EXPECT_EQ(info.st_mode & 0777, 0666u) << name;
+        }
     }
 }
 

@@ -80,7 +80,7 @@ void expectCounts(const RecorderCounts& counts, uint64_t accepted, uint64_t writ
 std::string countsLine(uint64_t accepted, uint64_t written, uint64_t lost, uint64_t refused) {
     return "Recorder samples at shutdown : accepted " + std::to_string(accepted) + ", written " +
            std::to_string(written) + ", lost " + std::to_string(lost) + ", refused by the full queue " +
-           std::to_string(refused);
+           std::to_string(refused) + ", not numbers 0";
 }
 
 std::string utcStamp(std::time_t time) {

@@ -12,12 +12,13 @@
 #include "StylusDataWriterParams.h"
 #include "StylusStrokePredictor.h"
 
-// Samples through the recorder. Once the writer has stopped, accepted == written + lost.
+// Samples through the recorder. Once the writer has stopped, accepted == written + lost + notNumbers.
 struct RecorderCounts {
     uint64_t accepted = 0;  // taken by the queue
     uint64_t refused = 0;   // turned away by the full (or stopped) queue
     uint64_t written = 0;   // rows in recording files published by this writer
     uint64_t lost = 0;      // accepted but in no published file: disk full, write failure, no file open
+    uint64_t notNumbers = 0;  // accepted but not written: a NaN or infinite value no reader takes
 };
 
 // Records raw stylus samples into chunked CSV files on a thread of its own, so that the inference
@@ -37,6 +38,8 @@ public:
     // alone (an earlier rejected sample does not make it false).
     bool writeData(const std::map<unsigned long, StylusTouchPoint>& points);
     bool writeStrokeBoundary(const StylusTouchPoint& point);
+    // Queues the samples in the order given, with the result writeData gives.
+    bool writeSamples(const std::vector<StylusTouchPoint>& samples);
 
     // Drains the queue, finishes the open file and joins the thread; later samples are refused.
     // Call from one thread, after the producer's last call.
@@ -63,6 +66,7 @@ private:
     bool appendChunk(bool withHeader);
     void finishFile();
     void loseRows(uint64_t rows);
+    bool isWritable(const StylusTouchPoint& sample);
     void logCounts(const char* when);
 
     std::string logTag;
@@ -80,5 +84,6 @@ private:
     std::atomic<uint64_t> refusedCount{0};
     std::atomic<uint64_t> writtenCount{0};
     std::atomic<uint64_t> lostCount{0};
+    std::atomic<uint64_t> notNumberCount{0};
     std::atomic<bool> leftoversCheckedFlag{false};
 };

@@ -36,6 +36,8 @@ public:
     void stop();
     // Final once stop() has returned; zeros without a recorder.
     RecorderCounts recorderCounts() const;
+    // Whether batches may be recorded, so that the host thread copies them whole.
+    bool recordsInput() const { return dataWriter != nullptr; }
 
     // True if queued. Under Reject Newest a batch arriving while another waits is refused.
     bool sendInputTouchPoints(const StylusPointMessage& message);

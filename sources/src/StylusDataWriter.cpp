@@ -6,6 +6,7 @@
 #include <boost/filesystem.hpp>
 #include <boost/system/error_code.hpp>
 #include <chrono>
+#include <cmath>
 #include <ctime>
 #include <stdexcept>
 #include <system_error>
@@ -82,6 +83,7 @@ RecorderCounts StylusDataWriter::counts() const {
     result.refused = refusedCount.load(std::memory_order_relaxed);
     result.written = writtenCount.load(std::memory_order_relaxed);
     result.lost = lostCount.load(std::memory_order_relaxed);
+    result.notNumbers = notNumberCount.load(std::memory_order_relaxed);
     return result;
 }
 
@@ -100,6 +102,21 @@ bool StylusDataWriter::writeData(const std::map<unsigned long, StylusTouchPoint>
     return lastPushed;
 }
 
+bool StylusDataWriter::writeSamples(const std::vector<StylusTouchPoint>& samples) {
+    if (samples.empty()) {
+        return true;
+    }
+    bool lastPushed = false;
+    uint64_t accepted = 0;
+    for (const StylusTouchPoint& sample : samples) {
+        lastPushed = dataQueue.push(sample);
+        accepted += lastPushed ? 1 : 0;
+    }
+    acceptedCount.fetch_add(accepted, std::memory_order_relaxed);
+    refusedCount.fetch_add(samples.size() - accepted, std::memory_order_relaxed);
+    return lastPushed;
+}
+
 bool StylusDataWriter::writeStrokeBoundary(const StylusTouchPoint& point) {
     const bool pushed = dataQueue.push(point);
     (pushed ? acceptedCount : refusedCount).fetch_add(1, std::memory_order_relaxed);
@@ -110,6 +127,9 @@ void StylusDataWriter::runDataWrite() {
     recoverLeftoverFiles();
     StylusTouchPoint point{};
     while (dataQueue.pop(point)) {
+        if (!isWritable(point)) {
+            continue;
+        }
         chunkBuffer.push_back(point);
         // Signed widening on purpose: 0 makes every sample a chunk, a negative size never writes.
         if (chunkBuffer.size() < static_cast<size_t>(static_cast<int64_t>(params.chunkSizeInRecords))) {
@@ -235,6 +255,22 @@ void StylusDataWriter::finishFile() {
     chunkCount = 0;
 }
 
+// A NaN or infinity would print as text no reader of recordings takes as a number.
+bool StylusDataWriter::isWritable(const StylusTouchPoint& sample) {
+    if (std::isfinite(sample.x_pos) && std::isfinite(sample.y_pos) && std::isfinite(sample.pressure) &&
+        std::isfinite(sample.tilt) && std::isfinite(sample.orientation)) {
+        return true;
+    }
+    const uint64_t count = notNumberCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    // The 1st, 2nd, 4th, 8th ...: a stream of them cannot flood the log.
+    if ((count & (count - 1)) == 0) {
+        VELMAR_LOG(velmar::Warning, logTag,
+                   "Sample at timestamp " << sample.timestamp << " not recorded: a value is not a number (" << count
+                                          << " so far)");
+    }
+    return false;
+}
+
 void StylusDataWriter::loseRows(uint64_t rows) {
     lostCount.fetch_add(rows, std::memory_order_relaxed);
 }
@@ -243,7 +279,8 @@ void StylusDataWriter::logCounts(const char* when) {
     VELMAR_LOG(velmar::Info, logTag,
                "Recorder samples " << when << " : accepted " << acceptedCount.load() << ", written "
                                    << writtenCount.load() << ", lost " << lostCount.load()
-                                   << ", refused by the full queue " << refusedCount.load());
+                                   << ", refused by the full queue " << refusedCount.load() << ", not numbers "
+                                   << notNumberCount.load());
 }
 
 void StylusDataWriter::recoverLeftoverFiles() {

@@ -44,7 +44,11 @@ int sendInputTouchPoints(StylusLibHandle* handle, const StylusTouchPoint* points
         return -1;
     }
     StylusPointMessage message;
-    styluspipeline::scanBatch(points, numPoints > 0 ? static_cast<std::size_t>(numPoints) : 0, message);
+    const std::size_t count = numPoints > 0 ? static_cast<std::size_t>(numPoints) : 0;
+    styluspipeline::scanBatch(points, count, message);
+    if (handle->impl->recordsInput()) {
+        message.sent.assign(points, points + count);
+    }
     if (message.hasStrokeBoundary) {
         VELMAR_LOG(velmar::Verbose, kInputTag,
                    (message.strokeBoundaryPoint.tag == STYLUS_TAG_PEN_DOWN ? "Down" : "Up")

@@ -237,10 +237,8 @@ void StylusStrokePredictorImpl::recordBatch(const StylusPointMessage& message) {
     if (params.canControlDataWritingAtRunTime && !dataWritingEnabled.load()) {
         return;
     }
-    if (message.hasStrokeBoundary) {
-        dataWriter->writeStrokeBoundary(message.strokeBoundaryPoint);
-    }
-    if (!dataWriter->writeData(message.points)) {
+    // Every sample as the host sent it: the moves before a boundary and repeated timestamps too.
+    if (!dataWriter->writeSamples(message.sent)) {
         VELMAR_LOG(velmar::Error, logTag, "Data dropped for writing stylus touch data");
     }
 }
