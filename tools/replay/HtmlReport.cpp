@@ -211,9 +211,13 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
            "slider moves the batches shown along the stroke and the view fits them. A click on the drawing zooms in "
            "around that point, a shift-click zooms out.</p>\n";
 
-    out << "<h2>Per recording</h2>\n<p class='note'>Mean error in mm (95th percentile on hover), best "
-           "in bold. LS3: least-squares velocity over the last 3 samples; CV: constant velocity from the last 2. "
-           "Macro average: each recording weighs the same.</p>\n";
+    out << "<h2>Per recording</h2>\n<p class='note'>Mean error in mm (95th percentile on hover), best in bold.";
+    for (const ReportPredictor& p : reportPredictors()) {
+        if (std::string(p.shortName) != p.name) {
+            out << " " << ReportFigures::escapeHtml(p.shortName) << ": " << ReportFigures::escapeHtml(p.name) << ".";
+        }
+    }
+    out << " Macro average: each recording weighs the same.</p>\n";
     out << "<h3>With the model's drops inside a stroke charged as \"no prediction\" (the pen shown where it last "
            "was)</h3>\n";
     ReportFigures::recordingTable(out, summary, true);

@@ -22,14 +22,14 @@ const std::vector<ReportPredictor>& reportPredictors() {
              y = p.y;
              return !p.dropped && finite(x, y);
          }},
-        {"ls", "least squares (3)", "LS3", "#e07b00", "diamond",
+        {"ls", "least squares over the last 3 samples", "LS3", "#e07b00", "diamond",
          [](const PointSetSummary& s) -> const DistributionSummary& { return s.leastSquares; },
          [](const PointResult& p, double& x, double& y) {
              x = p.lsX;
              y = p.lsY;
              return finite(x, y);
          }},
-        {"cv", "constant velocity", "CV", "#8a8a8a", "square",
+        {"cv", "constant velocity from the last 2", "CV", "#8a8a8a", "square",
          [](const PointSetSummary& s) -> const DistributionSummary& { return s.constantVelocity; },
          [](const PointResult& p, double& x, double& y) {
              x = p.baselineX;
