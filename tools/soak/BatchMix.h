@@ -48,8 +48,7 @@ public:
     // Fills batch with the next batch (its storage is reused).
     void next(Batch& batch);
 
-    // Samples the pipeline hands to the recorder for this batch once accepted: the last pen-down or
-    // pen-up sample, if any, plus the distinct timestamps of the move samples after it.
+    // Samples the pipeline hands to the recorder for this batch once accepted: every one sent.
     static uint64_t recorderSamples(const Batch& batch);
 
 private:

@@ -2,6 +2,7 @@
 
 // The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
+#include <algorithm>
 #include <boost/property_tree/json_parser.hpp>
 #include <chrono>
 #include <cmath>
@@ -10,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlantedFiles.h"
 #include "RecordingCount.h"
 #include "ResidentMemory.h"
 #include "StylusLibHandle.h"
@@ -86,12 +88,15 @@ bool RestartPhase::runPipeline(const boost::property_tree::ptree& config, const 
     tree.put("Pipeline.diskCheckPath", recordings.string());
     const std::string configPath = (dir / (name + ".json")).string();
     boost::property_tree::write_json(configPath, tree);
+    PlantedFiles planted(recordings, dir / (name + "-outside"));
 
     const StylusPredictionParams params{configPath.c_str(), onPredictions, onInputPoints};
     StylusLibHandle* handle = nullptr;
     try {
         handle = InitStylusLib(&params);
     } catch (const std::exception&) {
+        report.plantedUntouched = report.plantedUntouched && planted.untouched();
+        planted.remove();
         fs::remove_all(recordings);
         return false;
     }
@@ -127,18 +132,24 @@ bool RestartPhase::runPipeline(const boost::property_tree::ptree& config, const 
         }
         std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
+    const auto stopStart = std::chrono::steady_clock::now();
     handle->impl->stop();
     const RecorderCounts counts = handle->impl->recorderCounts();
     DeInitStylusLib(handle);
+    const std::chrono::duration<double, std::milli> stopTime = std::chrono::steady_clock::now() - stopStart;
+    report.deInitMsMax = std::max(report.deInitMsMax, stopTime.count());
+    report.plantedUntouched = report.plantedUntouched && planted.untouched();
+    planted.remove();
 
     const RecordingCount recorded = RecordingCount::of(recordings);
     report.recorder.accepted += counts.accepted;
     report.recorder.refused += counts.refused;
     report.recorder.written += counts.written;
     report.recorder.lost += counts.lost;
+    report.recorder.notNumbers += counts.notNumbers;
     report.rowsRecorded += recorded.rows;
     report.recorderBalanced = report.recorderBalanced && recorded.rows == counts.written &&
-                              counts.written + counts.lost == counts.accepted;
+                              counts.written + counts.lost + counts.notNumbers == counts.accepted;
     report.filesWhole = report.filesWhole && recorded.whole();
     fs::remove_all(recordings);
     return true;

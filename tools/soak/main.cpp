@@ -278,7 +278,8 @@ int run(const soak::SoakOptions& options) {
     const double seconds = std::chrono::duration<double>(end - start).count();
 
     const bool recorderBalanced = recorded.rows == recorder.written &&
-                                  recorder.written + recorder.lost == recorder.accepted && restarts.recorderBalanced;
+                                  recorder.written + recorder.lost + recorder.notNumbers == recorder.accepted &&
+                                  restarts.recorderBalanced;
     const bool restartsRan = restarts.goodConfigsRefused == 0;
     const bool handOffMatches = recorder.accepted + recorder.refused == total.recorderSamples;
     const bool filesWhole = recorded.whole() && recorded.datFiles <= 1 && restarts.filesWhole;
@@ -286,7 +287,8 @@ int run(const soak::SoakOptions& options) {
     const bool memoryFlat = rssGrowth <= options.rssLimitMiB && restartRssGrowth <= options.rssLimitMiB;
     const bool callbacksSane =
         g_badCallbacks.load() == 0 && g_farPoints.load() == 0 && predictions <= sent - refused;
-    const bool pass = restartsRan && recorderBalanced && handOffMatches && filesWhole && memoryFlat && callbacksSane;
+    const bool pass = restartsRan && recorderBalanced && handOffMatches && filesWhole && memoryFlat && callbacksSane &&
+                      restarts.plantedUntouched;
 
     Report report;
     report.add("model", options.config.empty() ? options.model : options.config);
@@ -310,6 +312,7 @@ int run(const soak::SoakOptions& options) {
     report.add("recorder_samples_refused_by_queue", recorder.refused);
     report.add("recorder_rows_written", recorder.written);
     report.add("recorder_rows_reported_lost", recorder.lost);
+    report.add("recorder_samples_not_numbers", recorder.notNumbers);
     report.add("rows_recorded", recorded.rows);
     report.add("recording_files", recorded.datFiles);
     report.add("recording_tmp_files_left", recorded.tmpFiles);
@@ -358,6 +361,8 @@ int run(const soak::SoakOptions& options) {
     report.add("restart_rss_mib_end", restarts.rssEndMiB);
     report.add("restart_rss_mib_growth", restartRssGrowth);
     report.add("check_restarts_ran", restartsRan ? "true" : "false");
+    report.add("restart_deinit_ms_max", restarts.deInitMsMax);
+    report.add("check_planted_files_untouched", restarts.plantedUntouched ? "true" : "false");
     report.add("check_rows_recorded_plus_lost_equal_accepted", recorderBalanced ? "true" : "false");
     report.add("check_recorder_hand_off_matches_batches", handOffMatches ? "true" : "false");
     report.add("check_recording_files_whole", filesWhole ? "true" : "false");
