@@ -1,19 +1,37 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the main job need, when any is missing.
-# Usage: scripts/install-deps.sh [extra-package ...]
+# Installs the Debian packages a task needs, when any is missing.
+# Usage: scripts/install-deps.sh [GROUP ...] [PACKAGE ...]
+#   no group:  what building the library and running the main job (stylus-replay) need
+#   test:      that plus the test tools (GoogleTest, Google Benchmark, the generated test models'
+#              Python modules, jsonschema, Chromium and Selenium, PyTorch, lintian, packaging tools)
+#   fuzz:      clang-14 and its sanitizer runtimes
+#   arm64:     the cross compiler, qemu-user and mmdebstrap for the arm64 sysroot
 set -euo pipefail
 
-packages=(
-  cmake g++ make pkg-config
-  dpkg-dev file binutils
-  libgtest-dev libgmock-dev libbenchmark-dev
+main_job=(
+  cmake g++ make pkg-config python3
   libboost-dev libboost-filesystem-dev libboost-system-dev
   libarmnn-dev libarmnntfliteparser-dev libarmnn-cpuref-backend22
   libxnnpack-dev libpthreadpool-dev libcpuinfo-dev libflatbuffers-dev
-  python3 python3-numpy python3-flatbuffers
-  python3-jsonschema chromium chromium-driver python3-selenium
-  "$@"
 )
+test_tools=(
+  libgtest-dev libgmock-dev libbenchmark-dev
+  python3-numpy python3-flatbuffers python3-torch
+  python3-jsonschema chromium chromium-driver python3-selenium
+  lintian dpkg-dev file binutils gzip man-db
+)
+fuzz_tools=(clang-14 libclang-rt-14-dev)
+arm64_tools=(crossbuild-essential-arm64 qemu-user-static mmdebstrap)
+
+packages=("${main_job[@]}")
+for arg in "$@"; do
+  case "$arg" in
+    test) packages+=("${test_tools[@]}") ;;
+    fuzz) packages+=("${fuzz_tools[@]}") ;;
+    arm64) packages+=("${arm64_tools[@]}") ;;
+    *) packages+=("$arg") ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do

@@ -11,7 +11,7 @@ if [ "$(uname -m)" != x86_64 ]; then
   echo "regenerate-model-fixture: the reference is made on x86-64, not $(uname -m)" >&2
   exit 1
 fi
-scripts/install-deps.sh
+scripts/install-deps.sh test
 
 build="$root/build/test-release"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DSTYLUS_WERROR=ON >/dev/null

@@ -16,7 +16,7 @@ targets=(${FUZZ_TARGETS:-config_json_fuzzer config_ini_fuzzer pipeline_fuzzer me
 build="$root/build/fuzz"
 jobs=${JOBS:-$(nproc)}
 
-scripts/install-deps.sh clang-14 libclang-rt-14-dev
+scripts/install-deps.sh test fuzz
 
 echo "=== fuzz: configure and build in $build" >&2
 CC=clang-14 CXX=clang++-14 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSTYLUS_WERROR=ON \

@@ -15,6 +15,7 @@
 #include "ErrorStats.h"
 #include "HandwritingGenerator.h"
 #include "JsonSummary.h"
+#include "MetricsFileState.h"
 #include "PredictionCsv.h"
 #include "PredictionEvaluator.h"
 #include "RecordingFormat.h"
@@ -23,6 +24,7 @@
 #include "ReplayConfig.h"
 #include "ReplayError.h"
 #include "ReplaySummary.h"
+#include "SummaryText.h"
 #include "TestSupport.h"
 #include "TruthInterpolator.h"
 
@@ -382,15 +384,18 @@ TEST(ReplayConfigTest, ReadsTheUnitsAndStepOrKeepsDefaults) {
     testsupport::TempDir dir;
     testsupport::writeFile(dir.file("c.json"),
                            "{\"Pipeline\": {\"QueueFullPolicy\": \"Reject Newest\"}, \"PredictionModel\": "
-                           "{\"pixel_per_inch\": 254, \"prediction_time_delta_ms\": 5, \"num_predictions\": 3}}");
+                           "{\"pixel_per_inch\": 254, \"prediction_time_delta_ms\": 5, \"num_predictions\": 3, "
+                           "\"target_event_count\": 120}}");
     const ReplayConfig config = ReplayConfig::load(dir.file("c.json"));
     EXPECT_DOUBLE_EQ(config.mmPerPixel(), 0.1);
     EXPECT_EQ(std::make_tuple(config.predictionStepMs, config.numPredictions, config.queueFullPolicy),
               std::make_tuple(5, 3, std::string("Reject Newest")));
+    EXPECT_EQ(config.targetEventCount, 120u);
     testsupport::writeFile(dir.file("empty.json"), "{}");
     const ReplayConfig defaults = ReplayConfig::load(dir.file("empty.json"));
     EXPECT_DOUBLE_EQ(defaults.mmPerPixel(), 25.4 / 213.0);
-    EXPECT_EQ(std::make_tuple(defaults.predictionStepMs, defaults.queueFullPolicy), std::make_tuple(4, std::string("Block")));
+    EXPECT_EQ(std::make_tuple(defaults.predictionStepMs, defaults.queueFullPolicy, defaults.targetEventCount),
+              std::make_tuple(4, std::string("Block"), 50000ull));
     testsupport::writeFile(dir.file("broken.json"), "{\n\"PredictionModel\": {\n");
     try {
         ReplayConfig::load(dir.file("broken.json"));
@@ -429,6 +434,56 @@ TEST(JsonSummaryTest, ListsEveryConfiguredHorizonWithBothMethods) {
     EXPECT_EQ(horizons[1].get<int>("ms"), 8);  // configured, nothing measured: no numbers
     EXPECT_EQ(horizons[1].get<std::string>("model.mean_mm"), "null");
     EXPECT_EQ(tree.get<std::string>("library_metrics"), "null");
+}
+
+// Whether the library's metrics file can be kept, and what "valid" means, reach both summaries.
+TEST(LibraryMetricsTest, MetricsFileStateAndValidMeaningReachTextAndJson) {
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.file("plain"), "");
+    const MetricsFileState writable = MetricsFileState::check(dir.file("runningMetrics.txt"));
+    EXPECT_EQ(std::make_tuple(writable.kept, writable.reason), std::make_tuple(true, std::string()));
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {dir.file("gone/runningMetrics.txt"), dir.file("gone") + ": No such file or directory"},
+        {dir.file("plain/runningMetrics.txt"), dir.file("plain") + ": Not a directory"}};
+    for (const auto& [path, reason] : refused) {
+        const MetricsFileState state = MetricsFileState::check(path);
+        EXPECT_EQ(std::make_tuple(state.path, state.kept, state.reason), std::make_tuple(path, false, reason));
+    }
+
+    // Both summaries say it; the text's lines are wrapped, so it is compared with blanks collapsed.
+    const auto collapsed = [](const std::string& text) {
+        std::istringstream words(text);
+        std::string out;
+        for (std::string word; words >> word;) {
+            out += (out.empty() ? "" : " ") + word;
+        }
+        return out;
+    };
+    ReplaySummary summary = ReplaySummary::make(ReplayTotals{}, ReplayConfig{});
+    summary.library.available = true;
+    summary.library.targetEventCount = 120;
+    for (const MetricsFileState& state : {writable, MetricsFileState::check(refused[0].first)}) {
+        summary.library.file = state;
+        std::ostringstream text;
+        SummaryText::print(text, summary);
+        const std::string expected = state.kept ? "metrics file kept in " + state.path
+                                                : "metrics file cannot be kept here (" + state.reason +
+                                                      "): the figures cover this run only";
+        EXPECT_NE(collapsed(text.str()).find(expected), std::string::npos) << text.str();
+        EXPECT_NE(collapsed(text.str()).find("valid means true once 120 points (PredictionModel.target_event_count) "
+                                             "have been measured in all"),
+                  std::string::npos);
+
+        std::stringstream json;
+        JsonSummary::write(json, summary);
+        boost::property_tree::ptree tree;
+        ASSERT_NO_THROW(boost::property_tree::read_json(json, tree)) << json.str();
+        EXPECT_EQ(tree.get<std::string>("library_metrics.metrics_file.path"), state.path);
+        EXPECT_EQ(tree.get<bool>("library_metrics.metrics_file.kept"), state.kept);
+        EXPECT_EQ(tree.get<std::string>("library_metrics.metrics_file.reason"), state.kept ? "null" : state.reason);
+        EXPECT_EQ(tree.get<unsigned>("library_metrics.target_event_count"), 120u);
+        EXPECT_EQ(tree.get<std::string>("library_metrics.valid_means"), LibraryMetrics::validMeans(120));
+    }
 }
 
 TEST(CommandLineTest, ParsesOptionsRejectsBadOnesAndExpandsDirectories) {

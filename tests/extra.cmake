@@ -55,6 +55,8 @@ add_test(NAME TrainingStrokeResampling
 # layers compute least-squares, constant and longer-span velocities and the velocity roughness.
 add_test(NAME TrainingNetworkAndExport
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_model_export.py)
+# Without python3-torch it skips, saying so.
+set_tests_properties(TrainingNetworkAndExport PROPERTIES SKIP_RETURN_CODE 77)
 
 # The replay report's data and figures.
 if(TARGET ReplayReportTest AND TARGET ReplayCore)

@@ -99,7 +99,12 @@ void JsonSummary::write(std::ostream& out, const ReplaySummary& s) {
         out << "{\"distance_error_mm\": " << real(s.library.distanceErrorMm)
             << ", \"angle_dev_error_deg\": " << real(s.library.angleDevErrorDeg)
             << ", \"valid\": " << (s.library.valid ? "true" : "false")
-            << ", \"measures\": " << text(LibraryMetrics::measures) << "},\n";
+            << ", \"measures\": " << text(LibraryMetrics::measures)
+            << ", \"valid_means\": " << text(LibraryMetrics::validMeans(s.library.targetEventCount))
+            << ", \"target_event_count\": " << s.library.targetEventCount
+            << ", \"metrics_file\": {\"path\": " << text(s.library.file.path)
+            << ", \"kept\": " << (s.library.file.kept ? "true" : "false")
+            << ", \"reason\": " << (s.library.file.kept ? "null" : text(s.library.file.reason)) << "}},\n";
     } else {
         out << "null,\n";
     }

@@ -26,6 +26,8 @@ ReplayConfig ReplayConfig::load(const std::string& path) {
         config.predictionStepMs = tree.get<int>("PredictionModel.prediction_time_delta_ms", config.predictionStepMs);
         config.numPredictions = tree.get<int>("PredictionModel.num_predictions", config.numPredictions);
         config.queueFullPolicy = tree.get<std::string>("Pipeline.QueueFullPolicy", config.queueFullPolicy);
+        config.targetEventCount =
+            tree.get<unsigned long long>("PredictionModel.target_event_count", config.targetEventCount);
     } catch (const pt::file_parser_error& error) {
         throw ReplayError(path + ":" + std::to_string(error.line()) + ": " + error.message());
     } catch (const pt::ptree_error& error) {

@@ -13,6 +13,7 @@ struct ReplayConfig {
     int predictionStepMs = 4;
     int numPredictions = 5;
     std::string queueFullPolicy = "Block";  // anything else makes the library refuse when full
+    unsigned long long targetEventCount = 50000;  // measured points until the library's metrics are valid
 
     double mmPerPixel() const { return mmPerInch / pixelPerInch; }
 

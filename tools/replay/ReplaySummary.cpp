@@ -126,7 +126,13 @@ std::vector<HorizonSummary> averageOverRecordings(const std::vector<RecordingSum
 
 const char* const LibraryMetrics::measures =
     "the newest predicted point of a batch against the first sample two batches later, as a running mean "
-    "kept across runs in the library's metrics file";
+    "over the runs the library's metrics file kept";
+
+std::string LibraryMetrics::validMeans(unsigned long long targetEventCount) {
+    return "true once " + std::to_string(targetEventCount) +
+           " points (PredictionModel.target_event_count) have been measured in all, over the runs the "
+           "metrics file kept";
+}
 
 ReplaySummary ReplaySummary::make(const ReplayTotals& totals, const ReplayConfig& config) {
     ReplaySummary summary;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "MetricsFileState.h"
 #include "PredictionEvaluator.h"
 #include "ReplayConfig.h"
 
@@ -55,11 +56,15 @@ struct LatencySummary {
 struct LibraryMetrics {
     // What the library's online distance error is: not a figure of any one horizon above.
     static const char* const measures;
+    // What getMetricsAreValid answers, for a target of that many measured points.
+    static std::string validMeans(unsigned long long targetEventCount);
 
     bool available = false;  // false when no library was run
     double distanceErrorMm = 0.0;
     double angleDevErrorDeg = 0.0;
     bool valid = false;
+    unsigned long long targetEventCount = 0;  // PredictionModel.target_event_count
+    MetricsFileState file;
 };
 
 struct ReplaySummary {

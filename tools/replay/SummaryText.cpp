@@ -129,21 +129,32 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
 
     if (s.library.available) {
         out << "\nLibrary metrics (online; not comparable with the tables above)\n";
-        // Word-wrapped: it says what the figure is.
-        std::string line = "  measures";
-        std::istringstream words(LibraryMetrics::measures);
-        for (std::string word; words >> word;) {
-            if (line.size() + 1 + word.size() > 96) {
-                out << line << "\n";
-                line = "          ";
+        // Word-wrapped beside its label: these say what the figures are.
+        const auto wrapped = [&out](const std::string& label, const std::string& text) {
+            const std::string indent(22, ' ');
+            std::string line = ("  " + label + indent).substr(0, indent.size());
+            bool empty = true;
+            std::istringstream words(text);
+            for (std::string word; words >> word;) {
+                if (!empty && line.size() + 1 + word.size() > 100) {
+                    out << line << "\n";
+                    line = indent;
+                    empty = true;
+                }
+                line += (empty ? "" : " ") + word;
+                empty = false;
             }
-            line += " " + word;
-        }
-        out << line << "\n";
+            out << line << "\n";
+        };
+        wrapped("measures", LibraryMetrics::measures);
         out << "  distance error      " << number(s.library.distanceErrorMm, 10, 3) << " mm\n";
         out << "  angle deviation     " << number(s.library.angleDevErrorDeg, 10, 3) << " deg\n";
         out << "  valid               " << std::string(10 - (s.library.valid ? 4 : 5), ' ')
             << (s.library.valid ? "true" : "false") << "\n";
+        wrapped("valid means", LibraryMetrics::validMeans(s.library.targetEventCount));
+        const MetricsFileState& file = s.library.file;
+        wrapped("metrics file", file.kept ? "kept in " + file.path
+                                          : "cannot be kept here (" + file.reason + "): the figures cover this run only");
     }
 
     out << "\nLatency, us                p50       p99     count\n";

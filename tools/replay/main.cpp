@@ -28,8 +28,8 @@ namespace {
 
 using namespace replay;
 
-// The shipped configuration: from the repository root, else the one installed beside this
-// executable, else where the build found it.
+// The shipped configuration: from the repository root, else the one at its installed place relative
+// to this executable (in the build tree, a link to the repository's models/).
 std::string defaultConfigPath() {
     const std::string relative = "models/stylus_predictor.json";
     std::error_code error;
@@ -40,14 +40,11 @@ std::string defaultConfigPath() {
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
     const std::filesystem::path installed = self.parent_path() / STYLUS_REPLAY_INSTALLED_CONFIG;
     if (!error && std::filesystem::exists(installed, error)) {
-        return installed.lexically_normal().string();
+        const std::filesystem::path resolved = std::filesystem::canonical(installed, error);
+        return (error ? installed.lexically_normal() : resolved).string();
     }
 #endif
-#ifdef STYLUS_REPLAY_DEFAULT_CONFIG
-    return STYLUS_REPLAY_DEFAULT_CONFIG;
-#else
     return relative;
-#endif
 }
 
 std::unique_ptr<std::ofstream> openOutput(const std::string& path) {
@@ -132,6 +129,8 @@ int run(const ReplayOptions& options) {
     summary.realtime = options.realtime;
     summary.numPredictions = host.numPredictedPoints();
     summary.library = host.metrics();
+    summary.library.targetEventCount = config.targetEventCount;
+    summary.library.file = MetricsFileState::checkLibraryFile();
     summary.libraryLogPath = libraryLog.path();
 
     SummaryText::print(std::cout, summary);

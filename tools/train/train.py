@@ -1110,7 +1110,7 @@ baseline's mean error at that horizon{relative_text}, plus binary cross-entropy 
 one-cycle schedule, {epochs} epochs, batch {batch}, max lr {lr}, {seed}, one thread,
 deterministic algorithms. Last training run: {train_min:.1f} minutes{train_note}.
 
-Retrain (rewrites `models/` and this card; data from `{data}` or `$STYLUS_DATA`; `--jobs K` trains K
+Retrain (rewrites `models/` and this card; recordings from `$STYLUS_DATA`, see the README; `--jobs K` trains K
 of the teacher's networks at once, one core each, with the same result; `--teacher STATE` reuses the
 teacher saved there by an earlier run, or saves the one it trains there):
 
