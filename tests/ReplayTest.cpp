@@ -355,6 +355,8 @@ TEST(RecordingReaderTest, ReadsWhatTheRecorderWritesByteForByte) {
     EXPECT_EQ(std::make_pair(loose.samples[0].x_pos, loose.samples[1].x_pos), std::make_pair(1.5f, 10.0f));
 }
 
+// A file the tool cannot read at all is an error naming it; a row it cannot use is left out and
+// reported with its file and line, and every other row is read.
 TEST(RecordingReaderTest, BadInputNamesFileAndLine) {
     testsupport::TempDir dir;
     const std::string path = dir.file("bad.csv");
@@ -362,21 +364,34 @@ TEST(RecordingReaderTest, BadInputNamesFileAndLine) {
               dir.file("missing.csv") + ": cannot open the recording (No such file or directory)");
     const std::string quoted = "\"" + header.substr(0, header.size() - 1) + "\"";
     const std::string wrong = "timestamp,x,y,pressure,tilt,orientation,tag";
-    const std::pair<std::string, std::string> cases[] = {
+    const std::pair<std::string, std::string> files[] = {
         {"", ":1: empty file, expected the header " + quoted},
         {wrong + "\n0,1,2,0,0,0,0\n", ":1: wrong header \"" + wrong + "\", expected " + quoted},
-        {header + "0,1,2,0,0,0,0\n4,1,2,0,0,0\n", ":3: malformed row \"4,1,2,0,0,0\": expected 7 fields, found 6"},
-        {header + "0,1,2,0,0,0,0\n4,1,2,0,0,0,2,\n", ":3: malformed row \"4,1,2,0,0,0,2,\": expected 7 fields, found 8"},
-        {header + "0,1,2,0,0,0,0\n\n4,1,abc,0,0,0,2\n", ":4: malformed row: y_pos \"abc\" is not a finite number"},
-        {header + "0,1,2,0,0,nan,0\n", ":2: malformed row: orientation \"nan\" is not a finite number"},
-        {header + "-4,1,2,0,0,0,0\n",
-         ":2: malformed row: timestamp \"-4\" is not a whole non-negative number of milliseconds"},
-        {header + "0,1,2,0,0,0,2.5\n", ":2: malformed row: tag \"2.5\" is not an integer"},
-        {header + "0,1,2,0,0,0,0\n8,1,2,0,0,0,2\n\n5,1,2,0,0,0,2\n", ":5: timestamp 5 goes backwards (line 3 has 8)"},
     };
-    for (const auto& [content, message] : cases) {
+    for (const auto& [content, message] : files) {
         testsupport::writeFile(path, content);
         EXPECT_EQ(errorOf(path), path + message);
+    }
+    const std::string good = "0,1,2,0,0,0,0\n";
+    const std::string last = "9,1,2,0,0,0,2\n";
+    const std::pair<std::string, std::string> rows[] = {
+        {"4,1,2,0,0,0\n", ":3: malformed row \"4,1,2,0,0,0\": expected 7 fields, found 6"},
+        {"4,1,2,0,0,0,2,\n", ":3: malformed row \"4,1,2,0,0,0,2,\": expected 7 fields, found 8"},
+        {"\n4,1,abc,0,0,0,2\n", ":4: malformed row: y_pos \"abc\" is not a finite number"},
+        {"1,1,2,0,0,nan,0\n", ":3: malformed row: orientation \"nan\" is not a finite number"},
+        {"1,1,2,0,0,-inf,0\n", ":3: malformed row: orientation \"-inf\" is not a finite number"},
+        {"-4,1,2,0,0,0,0\n", ":3: malformed row: timestamp \"-4\" is not a whole non-negative number of milliseconds"},
+        {"1,1,2,0,0,0,2.5\n", ":3: malformed row: tag \"2.5\" is not an integer"},
+        {"8,1,2,0,0,0,2\n\n5,1,2,0,0,0,2\n", ":5: timestamp 5 goes backwards (line 3 has 8)"},
+    };
+    for (const auto& [bad, message] : rows) {
+        SCOPED_TRACE(bad);
+        testsupport::writeFile(path, header + good + bad + last);
+        const Recording recording = RecordingReader::read(path);
+        EXPECT_EQ(recording.skippedRows, std::vector<std::string>{path + message});
+        ASSERT_GE(recording.samples.size(), 2u);
+        EXPECT_EQ(recording.samples.front().timestamp, 0u);
+        EXPECT_EQ(recording.samples.back().timestamp, 9u);
     }
 }
 

@@ -29,6 +29,9 @@ if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.j
   add_test(NAME ReplayChecksConfigurations
     COMMAND ${CMAKE_COMMAND} -DREPLAY=${replay} -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
             -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/replay_check_config.cmake)
+  add_test(NAME ReplaySkipsAndReportsRowsItCannotUse
+    COMMAND ${CMAKE_COMMAND} -DREPLAY=${replay} -DSOURCE_DIR=${CMAKE_SOURCE_DIR}
+            -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/replay_bad_row.cmake)
   add_test(NAME ReplayRefusesAMissingRecording
     COMMAND stylus-replay --quiet ${CMAKE_CURRENT_BINARY_DIR}/no-such-recording.csv)
   set_tests_properties(ReplayRefusesAMissingRecording PROPERTIES WILL_FAIL TRUE)

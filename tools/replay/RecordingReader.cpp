@@ -23,26 +23,32 @@ class RowParser {
 public:
     explicit RowParser(const std::string& name) : name(name) {}
 
-    [[noreturn]] void fail(std::size_t lineNumber, const std::string& message) const {
-        throw ReplayError(name + ":" + std::to_string(lineNumber) + ": " + message);
+    std::string where(std::size_t lineNumber, const std::string& message) const {
+        return name + ":" + std::to_string(lineNumber) + ": " + message;
     }
 
-    StylusTouchPoint parse(const std::string& line, std::size_t lineNumber) const {
+    [[noreturn]] void fail(std::size_t lineNumber, const std::string& message) const {
+        throw ReplayError(where(lineNumber, message));
+    }
+
+    // The row's sample, or false with the reason in problem.
+    bool parse(const std::string& line, StylusTouchPoint& point, std::string& problem) const {
         const recordingformat::ParsedRow row = recordingformat::parseRow(line);
         if (row.fieldsFound != recordingformat::kFieldCount) {
-            fail(lineNumber, "malformed row " + quoted(line) + ": expected 7 fields, found " +
-                                 std::to_string(row.fieldsFound));
+            problem = "malformed row " + quoted(line) + ": expected 7 fields, found " + std::to_string(row.fieldsFound);
+            return false;
         }
         if (row.badField >= 0) {
             const std::string field = quoted(std::string(row.badText));
             const std::string what = row.badField == 0   ? " is not a whole non-negative number of milliseconds"
                                      : row.badField == 6 ? " is not an integer"
                                                          : " is not a finite number";
-            fail(lineNumber, std::string("malformed row: ") +
-                                 recordingformat::kFieldNames[static_cast<std::size_t>(row.badField)] + " " + field +
-                                 what);
+            problem = std::string("malformed row: ") +
+                      recordingformat::kFieldNames[static_cast<std::size_t>(row.badField)] + " " + field + what;
+            return false;
         }
-        return row.point;
+        point = row.point;
+        return true;
     }
 
 private:
@@ -91,11 +97,18 @@ Recording RecordingReader::parse(std::istream& in, const std::string& name) {
         if (line.find_first_not_of(" \t") == std::string::npos) {
             continue;
         }
-        const StylusTouchPoint point = parser.parse(line, lineNumber);
+        StylusTouchPoint point{};
+        std::string problem;
+        if (!parser.parse(line, point, problem)) {
+            recording.skippedRows.push_back(parser.where(lineNumber, problem));
+            continue;
+        }
         if (!recording.samples.empty() && point.timestamp < recording.samples.back().timestamp) {
-            parser.fail(lineNumber, "timestamp " + std::to_string(point.timestamp) + " goes backwards (line " +
-                                        std::to_string(previousLine) + " has " +
-                                        std::to_string(recording.samples.back().timestamp) + ")");
+            recording.skippedRows.push_back(parser.where(
+                lineNumber, "timestamp " + std::to_string(point.timestamp) + " goes backwards (line " +
+                                std::to_string(previousLine) + " has " +
+                                std::to_string(recording.samples.back().timestamp) + ")"));
+            continue;
         }
         recording.samples.push_back(point);
         previousLine = lineNumber;

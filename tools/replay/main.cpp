@@ -77,6 +77,10 @@ int run(const ReplayOptions& options) {
     std::vector<Recording> recordings;
     for (const std::string& file : files) {
         recordings.push_back(RecordingReader::read(file));
+        // A row the replay cannot use costs that row, not the recording or the directory.
+        for (const std::string& skipped : recordings.back().skippedRows) {
+            std::cerr << "stylus-replay: row skipped: " << skipped << "\n";
+        }
     }
 
     const auto jsonOut = openOutput(options.jsonPath);
