@@ -4,9 +4,16 @@
 //  - the event count never exceeds the target once a point has been measured;
 //  - statistics loaded as moderate finite values stay finite when finite errors are folded in;
 //  - the saved event count reads back unchanged.
+// An input starting with byte 1, 2 or 3 plants, instead of a file, a symbolic link to a file outside
+// holding the rest (whose bytes must stay), a FIFO (which must not block) or a directory.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "FuzzSupport.h"
 #include "PredictiveMetricCalculator.h"
@@ -41,7 +48,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string path = fuzzsupport::scratchDir() + "/runningMetrics.txt";
-    fuzzsupport::writeFile(path, data, size);
+    const std::string outside = fuzzsupport::scratchDir() + "/outside";
+    std::filesystem::remove_all(path);
+    const int planted = size > 0 && data[0] >= 1 && data[0] <= 3 ? data[0] : 0;
+    if (planted == 0) {
+        fuzzsupport::writeFile(path, data, size);
+    } else if (planted == 1) {
+        fuzzsupport::writeFile(outside, data + 1, size - 1);
+        std::filesystem::create_symlink(outside, path);
+    } else if (planted == 2) {
+        mkfifo(path.c_str(), 0600);
+    } else {
+        std::filesystem::create_directory(path);
+    }
 
     unsigned int savedCount = 0;
     {
@@ -61,8 +80,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         savedCount = calculator.getEventCount();
     }  // saves the file
+    if (planted == 1 && fuzzsupport::readFile(outside) != std::string(reinterpret_cast<const char*>(data) + 1, size - 1)) {
+        __builtin_trap();
+    }
     styluspipeline::PredictiveMetricCalculator reloaded(213.0f, 25.4f, kTargetEventCount, 0, path);
-    if (reloaded.getEventCount() != savedCount) {
+    // A directory cannot be replaced by the save: it stays, and reads as nothing.
+    if (reloaded.getEventCount() != (planted == 3 ? 0u : savedCount)) {
         __builtin_trap();
     }
     return 0;

@@ -80,10 +80,16 @@ def point(t, x, y, pressure=0.5, tilt=0.3, orientation=0.1, tag=2):
 
 
 def rows():
+    # A two-byte length and a leftover of an earlier run (see RecorderRowFuzzer.cpp), then samples.
     nan, inf = float("nan"), float("inf")
-    write("recorder_row", "ordinary.bin", point(1700000000123, 512.25, 300.0, 0.453125, 0.7853982, 1.5707964, 0))
-    write("recorder_row", "stroke.bin", b"".join(point(1000 + 4 * i, 100 + 2 * i, 200 - i, tag=2) for i in range(8)))
-    write("recorder_row", "specials.bin", point(0, nan, inf, -inf, -0.0, 3.4e38, -1) + point(2**64 - 1, 1e-45, -1e30, 0, 0, 0, -2**31))
+    header = b"timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n"
+    none = struct.pack(">H", 0)
+    torn = header + b"1,1.0000000,2.0000000,0.0000000,0.0000000,0.0000000,0\n2,1.0"
+    write("recorder_row", "ordinary.bin", none + point(1700000000123, 512.25, 300.0, 0.453125, 0.7853982, 1.5707964, 0))
+    write("recorder_row", "stroke.bin", struct.pack(">H", len(torn)) + torn +
+          b"".join(point(1000 + 4 * (i // 2), 100 + 2 * i, 200 - i, tag=2 if i % 5 else 1) for i in range(8)))
+    write("recorder_row", "specials.bin", struct.pack(">H", 5) + b"times" +
+          point(0, nan, inf, -inf, -0.0, 3.4e38, -1) + point(2**64 - 1, 1e-45, -1e30, 0, 0, 0, -2**31))
 
 
 # Pipeline command language (see PipelineFuzzer.cpp): a pipeline byte, then op bytes 0 raw, 1 compact,
