@@ -50,17 +50,18 @@ def wait_for(driver, script, what, timeout=20.0):
 
 
 def stroke_points(kind, x0, y0):
-    """Pen positions (CSS px) of one stroke: a straight line, an arc or a wave; about 60 samples."""
+    """Pen positions (CSS px) of one stroke: a straight line, an arc or a wave; 45 to 60 moves."""
     points = []
-    for i in range(61):
-        u = i / 60
+    count = 45 if kind == "wave" else 60
+    for i in range(count + 1):
+        u = i / count
         if kind == "line":
             points.append((x0 + 380 * u, y0 + 90 * u))
         elif kind == "arc":
             angle = math.pi * 0.9 * u
             points.append((x0 + 170 * math.sin(angle), y0 + 170 * (1 - math.cos(angle))))
         else:  # brisk, ending on the rise so that the predicted ink runs ahead
-            points.append((x0 + 640 * u, y0 + 60 * math.sin(2.6 * math.pi * u)))
+            points.append((x0 + 860 * u, y0 + 70 * math.sin(2.6 * math.pi * u)))
     return points
 
 
@@ -189,7 +190,7 @@ def main():
             time.sleep(0.3)
             driver.save_screenshot(args.screenshot)
 
-        strokes = (("line", 40, 150), ("arc", 500, 110), ("wave", 60, 470))
+        strokes = (("line", 40, 150), ("arc", 560, 250), ("wave", 60, 470))
         for n, (kind, x0, y0) in enumerate(strokes):
             last = n == len(strokes) - 1
             draw(driver, stroke_points(kind, x0, y0), screenshot if last and args.screenshot else None)

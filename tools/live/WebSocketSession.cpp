@@ -1,6 +1,7 @@
 #include "WebSocketSession.h"
 
 #include <iostream>
+#include <sstream>
 
 #include <boost/asio/post.hpp>
 
@@ -102,10 +103,10 @@ void WebSocketSession::onRead(beast::error_code code, std::size_t bytes) {
     buffer.consume(buffer.size());
     try {
         if (!limiter.allow(RateLimiter::Clock::now())) {
-            failAndClose("more than " + std::to_string(static_cast<long>(server.options().maxMessagesPerSecond)) +
-                             " messages per second (burst " +
-                             std::to_string(static_cast<long>(server.options().messageBurst)) + ")",
-                         websocket::close_code::policy_error);
+            std::ostringstream text;
+            text << "more than " << server.options().maxMessagesPerSecond << " messages per second (burst "
+                 << server.options().messageBurst << ")";
+            failAndClose(text.str(), websocket::close_code::policy_error);
             return;
         }
         if (bytes > server.options().maxMessageBytes) {
