@@ -36,7 +36,7 @@ def check_schema(exe, sample, schema_path):
     try:
         import jsonschema
     except ImportError:
-        print("skipped: python3-jsonschema is not installed (scripts/install-deps.sh installs it)")
+        print("skipped: python3-jsonschema is not installed (scripts/install-deps.sh test installs it)")
         return SKIP
     with open(schema_path) as f:
         schema = json.load(f)
@@ -124,11 +124,11 @@ def check_browser(exe, sample_gen, sample):
         from selenium.webdriver.chrome.service import Service
         from selenium.webdriver.support.ui import Select
     except ImportError:
-        print("skipped: python3-selenium is not installed (scripts/install-deps.sh installs it)")
+        print("skipped: python3-selenium is not installed (scripts/install-deps.sh test installs it)")
         return SKIP
     for tool in (CHROMIUM, CHROMEDRIVER):
         if not os.access(tool, os.X_OK):
-            print(f"skipped: {tool} is not installed (scripts/install-deps.sh installs chromium and chromium-driver)")
+            print(f"skipped: {tool} is not installed (scripts/install-deps.sh test installs chromium and chromium-driver)")
             return SKIP
     with tempfile.TemporaryDirectory() as workdir:
         # A long recording, far past what one screen of strokes shows, then the shipped sample.
