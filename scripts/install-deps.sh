@@ -3,7 +3,7 @@
 # Usage: scripts/install-deps.sh [GROUP ...] [PACKAGE ...]
 #   no group:  what building the library and running the main job (stylus-replay) need
 #   test:      that plus the test tools (GoogleTest, Google Benchmark, the generated test models'
-#              Python modules, jsonschema, Chromium and Selenium, PyTorch, lintian, packaging tools)
+#              Python modules, jsonschema, Chromium and Selenium, PyTorch with OpenBLAS, lintian, packaging tools)
 #   fuzz:      clang-14 and its sanitizer runtimes
 #   arm64:     the cross compiler, qemu-user and mmdebstrap for the arm64 sysroot
 set -euo pipefail
@@ -16,7 +16,7 @@ main_job=(
 )
 test_tools=(
   libgtest-dev libgmock-dev libbenchmark-dev
-  python3-numpy python3-flatbuffers python3-torch
+  python3-numpy python3-flatbuffers python3-torch libopenblas0-serial
   python3-jsonschema chromium chromium-driver python3-selenium
   lintian dpkg-dev file binutils gzip man-db
 )

@@ -65,3 +65,17 @@ set_tests_properties(TrainingNetworkAndExport PROPERTIES SKIP_RETURN_CODE 77)
 if(TARGET ReplayReportTest AND TARGET ReplayCore)
   target_link_libraries(ReplayReportTest PRIVATE ReplayCore)
 endif()
+
+# Training recordings read from a recorder's directory: leftovers and bad rows skipped and named.
+add_test(NAME TrainingRecordingsFromDirectories
+  COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_recordings.py)
+
+# A short retraining from a directory in the recorder's format, in two processes, under torchrun and
+# in one; the outputs load in the library. Skips (77) where python3-torch is missing.
+if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
+  stylus_host_runnable(train_replay stylus-replay)
+  add_test(NAME TrainingFromRecorderDirectory
+    COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_training_run.py ${train_replay}
+            ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
+  set_tests_properties(TrainingFromRecorderDirectory PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900)
+endif()

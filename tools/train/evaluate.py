@@ -81,12 +81,12 @@ class Cell:
 
 
 def datasets(cfg, files, rates):
-    """{(file name, rate): Dataset}; rates as features.at_rate takes them."""
+    """{(file name, rate): Dataset} of recordings (paths or Recordings); rates as features.at_rate takes them."""
     out = {}
     for f in files:
-        rec = Recording.load(f)
+        rec = Recording.load(f) if isinstance(f, str) else f
         for rate in rates:
-            out[(os.path.basename(f), rate)] = build(at_rate(rec, rate), cfg)
+            out[(os.path.basename(rec.name), rate)] = build(at_rate(rec, rate), cfg)
     return out
 
 

@@ -116,22 +116,22 @@ class ExportTest(unittest.TestCase):
 
 
 class EnsembleTrainingTest(unittest.TestCase):
-    def test_networks_trained_side_by_side_equal_those_trained_in_turn(self):
+    def test_each_network_trains_from_its_own_seed_and_alike_when_repeated(self):
         s = dict(SETTINGS, epochs=1, batch=64, ensemble_seeds=[5])
         _, ds = dataset(s, curved_stroke(np.tile([2, 3, 2, 5, 8], 30)))
         real = train.training_set
-        train.training_set = lambda ms: ds
+        train.training_set = lambda *args: ds
         try:
-            in_turn = train.train_ensemble(s, lambda m: None, jobs=1)
-            side_by_side = train.train_ensemble(s, lambda m: None, jobs=2)
+            first = train.train_ensemble(s, lambda m: None)
+            again = train.train_ensemble(s, lambda m: None)
         finally:
             train.training_set = real
-        self.assertEqual(len(in_turn), 2)
-        for a, b in zip(in_turn, side_by_side):
+        self.assertEqual(len(first), 2)
+        for a, b in zip(first, again):
             for k, v in a.state_dict().items():
                 self.assertTrue(torch.equal(v, b.state_dict()[k]), k)
         # The seeds make different networks, or an ensemble of copies would pass.
-        self.assertFalse(torch.equal(in_turn[0].corr.weight, in_turn[1].corr.weight))
+        self.assertFalse(torch.equal(first[0].corr.weight, first[1].corr.weight))
 
 
 class StillPen(torch.nn.Module):
@@ -175,7 +175,7 @@ class DistillationTest(unittest.TestCase):
     def test_a_teacher_trained_once_is_saved_and_reused(self):
         s = dict(self.s, epochs=1, distill=0.5, teacher={"seeds": [5, 6]})
         real = train.training_set
-        train.training_set = lambda ms: self.ds
+        train.training_set = lambda *args: self.ds
         try:
             with tempfile.TemporaryDirectory() as tmp:
                 path = os.path.join(tmp, "teacher.pt")

@@ -1,27 +1,35 @@
 #!/usr/bin/env python3
-"""Trains the stroke predictor and rewrites models/ (config, .tflite, model card).
+"""Trains the stroke predictor from recordings and writes the model, its configuration and its card.
 
-    /usr/bin/python3 tools/train/train.py            # retrain the shipped model
+    /usr/bin/python3 tools/train/train.py --data DIR... --validation DIR... --out DIR [--jobs N]
     /usr/bin/python3 tools/train/train.py --select   # compare candidates on validation only
 
-Training uses the training recordings minus the validation writers, each at its
-own rate and in copies resampled at a random rate and writing size per stroke. The validation writers choose the settings; the evaluation
-recordings are only reported in the model card.
+Recordings are the library's recorder files (`.dat`) or CSV files of the same form, read from the
+directories and files given. Training uses the --data recordings minus the --validation ones, each at
+its own rate and in copies resampled at a random rate and writing size per stroke. The validation
+recordings choose the stroke-end threshold and the settings, and the new model is replayed on them
+through the library next to the shipped one and the two simple baselines.
 """
 
 import argparse
 import copy
-import glob
 import json
-import multiprocessing
 import os
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
 import time
 
 import numpy as np
 import torch
 
 import card_tables
+import compare
 import evaluate
+import recordings
+from distributed import Group, Layout
 from features import FEATURES, PEN_DOWN, FeatureConfig, Recording, quantize, rate_label, resample
 from model import AveragedPredictor, ResidualPredictor, tflite_forward, tflite_operators
 from targets import Dataset, build
@@ -29,9 +37,15 @@ from targets import Dataset, build
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 DATA = os.environ.get("STYLUS_DATA", "/work/shared/data")
 MODELS = os.path.join(ROOT, "models")
+DEFAULT_OUT = os.path.join(ROOT, "build", "retrained")
+# Training processes on one machine: both cores of the machine the shipped model is trained on.
+DEFAULT_JOBS = 2
 # Held-out training writers: one MobileStudio writer, one Eye&Pen session, one UIM document.
 VALIDATION = ("wacom_mspro13_writer03.csv", "openhandwrite_eyepen_1.csv",
               "wacom_uim_2__digital_ink_is_processable_1.csv")
+# Without --data and --validation: the training folder, those writers held out.
+DEFAULT_DATA = [os.path.join(DATA, "train")]
+DEFAULT_VALIDATION = [os.path.join(DATA, "train", f) for f in VALIDATION]
 
 # The shipped settings (chosen with --select on the validation writers).
 SETTINGS = {
@@ -70,8 +84,9 @@ SETTINGS = {
     "seed": 1234,
     "ensemble_seeds": [],  # more networks trained alike from these seeds; the file computes their mean
     "distill": 0.5,        # share of the targets taken from a teacher's outputs instead of the truth
-    # The teacher: the mean of networks trained from these seeds, with these settings where they differ.
-    "teacher": {"seeds": [1234, 99, 7], "epochs": 24},
+    # The teacher: the mean of networks trained from these seeds, with these settings where they differ
+    # (12 epochs instead of 24 keep a full retrain, teacher included, within 15 minutes on two cores).
+    "teacher": {"seeds": [1234, 99, 7], "epochs": 12},
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
 # The recordings' and the shipped configuration's screen.
@@ -109,8 +124,48 @@ def config_json(s):
             "PredictionModel": model_section(s)}
 
 
-def file_list(split):
-    return sorted(glob.glob(os.path.join(DATA, split, "*.csv")))
+class Sources:
+    """The recordings a run trains and validates on: every recording under --data that is not also
+    under --validation trains; the --validation ones choose the threshold and are replayed. Each
+    training recording keeps its position in the --data list, which seeds its augmented copies, so
+    holding one out or sharding the list across processes leaves every other one's copies alike."""
+
+    def __init__(self, data, validation):
+        self.data_paths, self.validation_paths = list(data), list(validation)
+        self.skipped = recordings.Skipped()
+        held = {os.path.realpath(f) for f in recordings.find(self.validation_paths, recordings.Skipped())}
+        self.train_files = [(i, f) for i, f in enumerate(recordings.find(self.data_paths, self.skipped))
+                            if os.path.realpath(f) not in held]
+        self._loaded = {}
+        self._validation = None
+
+    @classmethod
+    def default(cls):
+        return cls(DEFAULT_DATA, DEFAULT_VALIDATION)
+
+    def recording(self, path):
+        """The recording in one training file (read once per process), or None if unusable."""
+        if path not in self._loaded:
+            self._loaded[path] = recordings.read(path, self.skipped)
+        return self._loaded[path]
+
+    def validation(self):
+        """[(path, Recording)] of the validation recordings."""
+        if self._validation is None:
+            self._validation = recordings.load(self.validation_paths, self.skipped)
+            if not self._validation:
+                raise SystemExit("no usable validation recording under %s" % " ".join(self.validation_paths))
+        return self._validation
+
+
+def default_sources():
+    global _DEFAULT_SOURCES
+    if _DEFAULT_SOURCES is None:
+        _DEFAULT_SOURCES = Sources.default()
+    return _DEFAULT_SOURCES
+
+
+_DEFAULT_SOURCES = None
 
 
 def setup_determinism(seed):
@@ -147,9 +202,9 @@ def member_settings(s):
     return [s] + [dict(s, seed=seed) for seed in s.get("ensemble_seeds", [])]
 
 
-def train_member(ms, log=print, teacher=None):
-    tr = training_set(ms)
-    log("seed %d: training on %d prediction points" % (ms["seed"], len(tr)))
+def train_member(ms, log=print, teacher=None, src=None, group=None):
+    tr = training_set(ms, src, group)
+    log("seed %d: training on %d prediction points" % (ms["seed"], tr.layout.total if isinstance(tr, Shard) else len(tr)))
     return train_model(ms, tr, lambda m: log("seed %d:%s" % (ms["seed"], m)), teacher)
 
 
@@ -159,32 +214,27 @@ def teacher_settings(s):
     return dict(s, **t, seed=seeds[0], ensemble_seeds=list(seeds[1:]), distill=0.0, teacher=None)
 
 
-def keep_teacher(s, path=None, log=print, jobs=1):
+def keep_teacher(s, path=None, log=print, src=None, group=None):
     """The teacher an earlier run saved at `path`, else one trained now (and saved there): one
     network that learns a share of its targets from the mean of several keeps much of that mean's
-    accuracy at one network's inference cost."""
-    if path and os.path.exists(path):
-        return load_state(path)[1]
+    accuracy at one network's inference cost. Only the leading process reads or writes the file."""
+    group = group or Group()
+    saved = group.broadcast_object(
+        torch.load(path) if group.leader and path and os.path.exists(path) else None)
+    if saved is not None:
+        return saved_networks(saved)[1]
     t0 = time.time()
     ts = teacher_settings(s)
-    taught = train_ensemble(ts, log, jobs)
-    if path:
+    taught = train_ensemble(ts, log, src, group)
+    if path and group.leader:
         torch.save({"settings": ts, "states": [m.state_dict() for m in taught], "train_s": time.time() - t0}, path)
     return as_predictor(taught)
 
 
-def _member_state(ms):
-    return train_member(ms, lambda m: print(m, flush=True)).state_dict()
-
-
-def train_ensemble(s, log=print, jobs=1):
-    """The ensemble's networks, one after another or `jobs` at a time in processes of their own:
-    each trains on one thread from its own seed, so the result does not depend on `jobs`."""
-    settings = member_settings(s)
-    if jobs <= 1 or len(settings) == 1:
-        return [train_member(ms, log) for ms in settings]
-    with multiprocessing.get_context("fork").Pool(min(jobs, len(settings))) as pool:
-        return networks(settings, pool.map(_member_state, settings, chunksize=1))
+def train_ensemble(s, log=print, src=None, group=None):
+    """The ensemble's networks, one after another, each from its own seed (and its own augmented
+    copies), each on all the training processes."""
+    return [train_member(ms, log, None, src, group) for ms in member_settings(s)]
 
 
 def networks(settings, states):
@@ -202,8 +252,11 @@ def as_predictor(members):
 
 
 def load_state(path):
-    """(settings, network) of a --state file: one network or the members of an ensemble."""
-    saved = torch.load(path)
+    """(settings, network, training seconds) of a --state file: one network or the members of an ensemble."""
+    return saved_networks(torch.load(path))
+
+
+def saved_networks(saved):
     # Networks saved before learning from a teacher existed learned from the truth alone.
     s = dict(copy.deepcopy(SETTINGS), distill=0.0)
     s.update(saved["settings"])
@@ -211,9 +264,25 @@ def load_state(path):
     return s, as_predictor(networks([s] * len(states), states)), saved["train_s"]
 
 
-def train_model(s, ds, log=print, teacher=None):
-    """Fits the network; the loss weighs each horizon by the better baseline's error there. With a
-    teacher, a share `distill` of each target (displacements and stroke-end labels) is the teacher's."""
+class Shard:
+    """This process's part of a training set: its points (a Dataset) and where they sit in the whole."""
+
+    def __init__(self, ds, layout):
+        self.ds, self.layout = ds, layout
+
+
+def train_model(s, data, log=print, teacher=None):
+    """Fits the network on a Dataset (one process) or on this process's Shard of the training set
+    (the others train alongside on theirs); the loss weighs each horizon by the better baseline's
+    error there. With a teacher, a share `distill` of each target (displacements and stroke-end
+    labels) is the teacher's."""
+    if isinstance(data, Shard):
+        ds, layout = data.ds, data.layout
+    else:
+        ds, layout = data, Layout.single(len(data))
+    group = layout.group
+    if group.world > 1 and (s.get("group_push", 0) > 0 or s["stroke_relative"] > 0):
+        raise SystemExit("group_push and stroke_relative need the whole training set in one process")
     y = torch.from_numpy(ds.disp)
     end = torch.from_numpy(ds.end)
     alpha = s.get("distill", 0.0) if teacher is not None else 0.0
@@ -226,41 +295,70 @@ def train_model(s, ds, log=print, teacher=None):
     # The fixed part has no weights to learn: run it once over the data.
     with torch.no_grad():
         fixed = [model.features(torch.from_numpy(ds.x[i:i + 65536])) for i in range(0, len(ds), 65536)]
-        feats = [torch.cat([f[j] for f in fixed]) for j in range(len(fixed[0]))]
+        feats = [torch.cat([f[j] for f in fixed]) if fixed else torch.zeros(0, 1) for j in range(len(fixed[0]) if fixed else 0)]
         del fixed
-        model.set_standardisation(feats[0][::max(1, len(ds) // 50000)])
+        model.set_standardisation(standardisation_sample(feats[0] if feats else None, model.z_width, layout))
+    if not feats:  # a process holding no points still takes part in every step
+        feats = [torch.zeros(0, w) for w in feature_widths(model)]
     valid = torch.from_numpy(ds.valid.astype(np.float32))
     base_err = np.minimum(np.linalg.norm(ds.cv - ds.disp, axis=2), np.linalg.norm(ds.ls3 - ds.disp, axis=2))
-    weight = torch.from_numpy(point_weights(ds, base_err, s["stroke_relative"]))
+    weight = torch.from_numpy(point_weights(ds, base_err, s["stroke_relative"], group))
     opt = torch.optim.Adam(model.parameters(), lr=s["lr"])
-    steps = s["epochs"] * ((len(ds) + s["batch"] - 1) // s["batch"])
+    params = list(model.parameters())
+    steps = s["epochs"] * ((layout.total + s["batch"] - 1) // s["batch"])
     sched = torch.optim.lr_scheduler.OneCycleLR(opt, max_lr=s["lr"], total_steps=steps, pct_start=0.1)
     gen = torch.Generator().manual_seed(s["seed"])
-    bce = torch.nn.BCEWithLogitsLoss(reduction="mean")
+    bce = torch.nn.BCEWithLogitsLoss(reduction="sum")
     push = GroupPush(ds, base_err, weight) if s.get("group_push", 0) > 0 else None
     for epoch in range(s["epochs"]):
-        t0 = time.time()
+        t0, c0 = time.time(), time.process_time()
         if push is not None and epoch > 0:
             weight = push.update(model, feats, s["group_push"], log)
-        perm = torch.randperm(len(ds), generator=gen)
+        perm = torch.randperm(layout.total, generator=gen).numpy()
+        # Per batch of the whole set: valid targets per horizon and points, over every process.
+        counts = layout.batch_counts(perm, s["batch"], ds.valid)
         total = 0.0
-        for i in range(0, len(ds), s["batch"]):
-            idx = perm[i:i + s["batch"]]
-            d, e = model.head(*(f[idx] for f in feats))
-            d = d.view(-1, NUM_PREDICTIONS, 2)
-            err = torch.sqrt(((d - y[idx]) ** 2).sum(2) + 1e-8)
-            if alpha > 0:
-                err = (1 - alpha) * err + alpha * torch.sqrt(((d - y_teacher[idx]) ** 2).sum(2) + 1e-8)
-            v = valid[idx]
-            loss = ((err * v * weight[idx]).sum(0) / v.sum(0).clamp(min=1)).sum() + s["end_weight"] * bce(e, end[idx])
+        for b, idx in enumerate(layout.batches(perm, s["batch"])):
             opt.zero_grad()
-            loss.backward()
+            if len(idx):
+                d, e = model.head(*(f[idx] for f in feats))
+                d = d.view(-1, NUM_PREDICTIONS, 2)
+                err = torch.sqrt(((d - y[idx]) ** 2).sum(2) + 1e-8)
+                if alpha > 0:
+                    err = (1 - alpha) * err + alpha * torch.sqrt(((d - y_teacher[idx]) ** 2).sum(2) + 1e-8)
+                n_valid = torch.from_numpy(np.maximum(counts[b, :NUM_PREDICTIONS], 1).astype(np.float32))
+                loss = (((err * valid[idx] * weight[idx]).sum(0) / n_valid).sum()
+                        + s["end_weight"] * bce(e, end[idx]) / float(counts[b, -1] * NUM_PREDICTIONS))
+                loss.backward()
+                total += float(loss) * counts[b, -1]
+            else:
+                for p in params:
+                    p.grad = torch.zeros_like(p)
+            group.sum_gradients(params)
             opt.step()
             sched.step()
-            total += float(loss) * len(idx)
-        log("  epoch %2d loss %.4f (%.0f s)" % (epoch + 1, total / len(ds), time.time() - t0))
+        total = float(group.sum(np.array([total]))[0])
+        log("  epoch %2d loss %.4f (%.0f s, %.0f s on this core)" % (
+            epoch + 1, total / layout.total, time.time() - t0, time.process_time() - c0))
     model.eval()
     return model
+
+
+def feature_widths(model):
+    """Widths of the fixed part's outputs (for a process that holds no points)."""
+    with torch.no_grad():
+        return [f.shape[1] for f in model.features(torch.zeros(1, model.n, 6))]
+
+
+def standardisation_sample(z, width, layout):
+    """Every stride-th point of the whole training set's MLP inputs, gathered from the processes
+    that hold them: the same rows whatever the number of processes."""
+    idx, local = layout.sample(max(1, layout.total // 50000))
+    out = np.zeros((len(idx), width), np.float32)
+    held = local >= 0
+    if held.any():
+        out[held] = z[torch.from_numpy(local[held])].numpy()
+    return torch.from_numpy(layout.group.sum(out))
 
 
 class GroupPush:
@@ -306,16 +404,19 @@ class GroupPush:
         return torch.from_numpy(out.astype(np.float32))
 
 
-def point_weights(ds, base_err, relative):
+def point_weights(ds, base_err, relative, group=None):
     """[K, P] loss weight of every point and horizon: one over the better baseline's mean error at
     that horizon, and for a share `relative` one over that mean within the point's own stroke, so
     that slow, fine or smooth strokes, whose errors are small, count as much as fast ones."""
     p = base_err.shape[1]
     out = np.zeros(base_err.shape, np.float32)
     _, stroke = np.unique(ds.stroke, return_inverse=True)
+    # The mean over the whole training set, whichever process holds which points.
+    sums = (group or Group()).sum(np.array([[base_err[ds.valid[:, h], h].sum(), ds.valid[:, h].sum()]
+                                            for h in range(p)], np.float64))
     for h in range(p):
         v = ds.valid[:, h]
-        overall = base_err[v, h].mean()
+        overall = sums[h, 0] / sums[h, 1]
         w = np.full(len(ds), 1.0 / overall)
         if relative > 0:
             total = np.bincount(stroke[v], base_err[v, h], minlength=stroke.max() + 1)
@@ -380,38 +481,62 @@ def training_groups(ds, source, rounded):
     return (source * 2 + grid) * 10 + band
 
 
-def training_set(s):
-    """Training writers at their own rate plus augmented copies (random rate, writing size,
-    rotation and mirroring per stroke): several sources' units are uncertain, device rates
-    differ from the recordings', and writing goes in every direction."""
+def training_set(s, src=None, group=None):
+    """This process's Shard of the training set: training recordings at their own rate plus
+    augmented copies (random rate, writing size, rotation and mirroring per stroke): several
+    sources' units are uncertain, device rates differ from the recordings', and writing goes in
+    every direction. Each process builds only the recordings it owns."""
+    src, group = src or default_sources(), group or Group()
+    files = group.broadcast_object([(i, f, os.path.getsize(f)) for i, f in src.train_files])
+    if not files:
+        raise SystemExit("no training recording under %s" % " ".join(src.data_paths))
+    owner = group.owners([size for _, _, size in files])
     cfg = FeatureConfig(model_section(s))
-    parts = []
-    for i, f in enumerate(file_list("train")):
-        if os.path.basename(f) in VALIDATION:
+    blocks, counts = [], np.zeros(len(files), np.int64)
+    for j, (i, f, _) in enumerate(files):
+        if owner[j] != group.rank:
             continue
-        rec = Recording.load(f)
-        native = build(rec, cfg)
-        native.group = training_groups(native, 2 * i, None)
-        parts += [native.renumbered(len(parts) + k) for k in range(s["native_copies"])]
-        rng = np.random.default_rng(s["seed"] + i)
-        # A host reporting integer pixels at the writing's own size: the grid and the steps keep
-        # the proportion they have on a device.
-        pixel = dict(s, sizes=(1.0, 1.0), quantize_share=1.0, grid_mm=(PIXEL_MM, PIXEL_MM))
-        for how in [s] * s["copies"] + [pixel] * s.get("pixel_copies", 0):
-            reported, smooth = augment(rec, rng, how)
-            aug = build(reported, cfg, truth=smooth)
-            aug.group = training_groups(aug, 2 * i + 1, (reported.x != smooth.x) | (reported.y != smooth.y))
-            # Neighbouring points of fast-sampled copies say nearly the same: keep a share.
-            parts.append(aug.subset(rng.uniform(size=len(aug)) < s["keep"]).renumbered(len(parts)))
+        rec = src.recording(f)
+        if rec is None:
+            continue
+        block = recording_block(rec, i, s, cfg)
+        blocks.append(block)
+        counts[j] = len(block)
+    counts = group.sum(counts)
+    ds = Dataset.concat(blocks) if blocks else empty_dataset(cfg)
+    return Shard(ds, Layout(group, counts, owner))
+
+
+def recording_block(rec, i, s, cfg):
+    """The training points of the recording at position i of the --data list: its own rate and its
+    augmented copies, drawn from the seed and i alone."""
+    parts = []
+    native = build(rec, cfg)
+    native.group = training_groups(native, 2 * i, None)
+    parts += [native.renumbered(16 * i + k) for k in range(s["native_copies"])]
+    rng = np.random.default_rng(s["seed"] + i)
+    # A host reporting integer pixels at the writing's own size: the grid and the steps keep
+    # the proportion they have on a device.
+    pixel = dict(s, sizes=(1.0, 1.0), quantize_share=1.0, grid_mm=(PIXEL_MM, PIXEL_MM))
+    for how in [s] * s["copies"] + [pixel] * s.get("pixel_copies", 0):
+        reported, smooth = augment(rec, rng, how)
+        aug = build(reported, cfg, truth=smooth)
+        aug.group = training_groups(aug, 2 * i + 1, (reported.x != smooth.x) | (reported.y != smooth.y))
+        # Neighbouring points of fast-sampled copies say nearly the same: keep a share.
+        parts.append(aug.subset(rng.uniform(size=len(aug)) < s["keep"]).renumbered(16 * i + len(parts)))
     ds = Dataset.concat(parts)
     keep = np.isfinite(ds.x).all(axis=(1, 2))
     return ds.subset(keep) if not keep.all() else ds
 
 
-def validation_sets(s):
+def empty_dataset(cfg):
+    return build(Recording([], [], [], [], [], [], []), cfg)
+
+
+def validation_sets(s, src=None):
     cfg = FeatureConfig(model_section(s))
-    val = [f for f in file_list("train") if os.path.basename(f) in VALIDATION]
-    return cfg, evaluate.datasets(cfg, val, VAL_RATES)
+    val = (src or default_sources()).validation()
+    return cfg, evaluate.datasets(cfg, [rec for _, rec in val], VAL_RATES)
 
 
 # Stroke-end thresholds tried, highest first, in steps of 0.001: near the top a coarser step gives
@@ -524,23 +649,23 @@ CANDIDATES.update({
 })
 
 
-def select(base, names, teacher_path=None):
+def select(base, names, teacher_path=None, src=None):
     """Compares candidate settings on the validation writers (never on eval): every candidate
     is trained in full and scored at every rate and batch size."""
     teachers = {}
     for name in names:
         s = dict(copy.deepcopy(base), **CANDIDATES[name])
         t0 = time.time()
-        tr = training_set(s)
-        print("%s: %d training points" % (name, len(tr)), flush=True)
+        tr = training_set(s, src)
+        print("%s: %d training points" % (name, len(tr.ds)), flush=True)
         teacher = None
         if s["distill"] > 0:  # candidates with the same teacher share it
             key = json.dumps(teacher_settings(s), sort_keys=True)
             if key not in teachers:
-                teachers[key] = keep_teacher(s, teacher_path)
+                teachers[key] = keep_teacher(s, teacher_path, src=src)
             teacher = teachers[key]
         model = train_model(s, tr, teacher=teacher)
-        cfg, sets = validation_sets(s)
+        cfg, sets = validation_sets(s, src)
         s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
         worst, mean, losing, catch, drops, cells = score(s, model, cfg, sets)
         torch.save(model.state_dict(), "/tmp/stylus_candidate_%s.pt" % name.replace(" ", "_"))
@@ -561,14 +686,28 @@ def select(base, names, teacher_path=None):
                   time.time() - t0), flush=True)
 
 
-def main():
+def parse_args(argv=None):
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--data", nargs="+", metavar="DIR", default=DEFAULT_DATA,
+                    help="recordings to train on: directories (searched for .dat and .csv files, sub-directories "
+                         "too) or files (default: %(default)s)")
+    ap.add_argument("--validation", nargs="+", metavar="DIR", default=DEFAULT_VALIDATION,
+                    help="recordings that choose the stroke-end threshold and are replayed against the shipped "
+                         "model; never trained on, even when under --data (default: three writers of the "
+                         "training folder)")
+    ap.add_argument("--out", default=DEFAULT_OUT,
+                    help="where the model, its configuration and its card are written (default: %(default)s)")
+    ap.add_argument("--jobs", type=int, default=DEFAULT_JOBS,
+                    help="training processes on this machine, one core each (default %(default)s; the same "
+                         "number gives the same bytes); under torchrun its own process count is used")
+    ap.add_argument("--shipped", default=os.path.join(MODELS, "stylus_predictor.json"),
+                    help="configuration of the model to compare with (default: %(default)s)")
+    ap.add_argument("--replay", default=None,
+                    help="stylus-replay binary for the comparison (default: the newest under build/, else PATH)")
+    ap.add_argument("--no-compare", action="store_true", help="skip the replay comparison")
     ap.add_argument("--select", nargs="*", metavar="CANDIDATE",
                     help="compare candidate settings on validation (default: all of %s)" % ", ".join(CANDIDATES))
-    ap.add_argument("--out", default=MODELS, help="output directory (default: models/)")
     ap.add_argument("--epochs", type=int, help="override the epoch count (quick trials)")
-    ap.add_argument("--jobs", type=int, default=1,
-                    help="train this many of the ensemble's networks at once (one core each; same result)")
     ap.add_argument("--eval-json", metavar="FILE",
                     help="the evaluation section of the card: a stylus-replay --json summary of the evaluation set "
                          "(without it the card has none)")
@@ -580,57 +719,133 @@ def main():
                          "exist yet, the teacher trained is saved there")
     ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
-    args = ap.parse_args()
+    return ap.parse_args(argv)
+
+
+def start_local_group(jobs, argv):
+    """Makes this process rank 0 of `jobs` training processes on this machine (the others run this
+    same command) and returns the others; nothing when torchrun already started the group."""
+    if jobs <= 1 or "WORLD_SIZE" in os.environ:
+        return []
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    env = dict(os.environ, WORLD_SIZE=str(jobs), MASTER_ADDR="127.0.0.1", MASTER_PORT=str(port))
+    others = [subprocess.Popen([sys.executable, os.path.abspath(__file__)] + argv,
+                               env=dict(env, RANK=str(r), LOCAL_RANK=str(r))) for r in range(1, jobs)]
+    os.environ.update(WORLD_SIZE=str(jobs), MASTER_ADDR="127.0.0.1", MASTER_PORT=str(port), RANK="0", LOCAL_RANK="0")
+    return others
+
+
+def main(argv=None):
+    argv = sys.argv[1:] if argv is None else argv
+    args = parse_args(argv)
     s = copy.deepcopy(SETTINGS)
     if args.epochs:
         s["epochs"] = args.epochs
     for kv in args.set:
         k, v = kv.split("=", 1)
         s[k] = json.loads(v)
+    src = Sources(args.data, args.validation)
     if args.card_from:
         s, model, train_s = load_state(args.card_from)
-        cfg, sets = validation_sets(s)
+        cfg, sets = validation_sets(s, src)
         s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
         print("stroke-end threshold %g" % s["stroke_end_thres"], flush=True)
+        os.makedirs(args.out, exist_ok=True)
         with open(os.path.join(args.out, "stylus_predictor.json"), "w") as f:
             json.dump(config_json(s), f, indent=4)
             f.write("\n")
         tfl_path = os.path.join(args.out, "stylus_predictor.tflite")
         model.export(tfl_path)
-        write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets)
-        return
+        write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets, src)
+        return 0
     if args.select is not None:
-        select(s, args.select or list(CANDIDATES), args.teacher)
-        return
+        select(s, args.select or list(CANDIDATES), args.teacher, src)
+        return 0
+    others = start_local_group(args.jobs, argv)
+    try:
+        status = retrain(args, s, src)
+    finally:
+        failed = [p.wait() for p in others]
+    return status or (1 if any(failed) else 0)
+
+
+def run_note(group, distilled, teacher_was_saved):
+    """How the card's training time was measured."""
+    where = "%d process%s of one thread" % (group.world, "" if group.world == 1 else "es")
+    what = ("" if not distilled else ", the teacher loaded from an earlier run" if teacher_was_saved
+            else ", the teacher's networks included")
+    return " (%s%s; load average %.1f at the end)" % (where, what, os.getloadavg()[0])
+
+
+def retrain(args, s, src):
+    """Trains on every process of the group; the leading one writes the outputs and compares."""
     t0 = time.time()
-    log = lambda m: print(m, flush=True)
+    group = Group.from_environment()
+    say = (lambda m: print(m, flush=True)) if group.leader else (lambda m: None)
+    if group.world > 1:
+        say("training in %d processes" % group.world)
     if s["distill"] > 0:
         s["ensemble_seeds"] = []  # one network ships; its teacher's seeds are in its settings
-        members = [train_member(s, log, keep_teacher(s, args.teacher, log, args.jobs))]
+        teacher_was_saved = bool(args.teacher) and os.path.exists(args.teacher)
+        members = [train_member(s, say, keep_teacher(s, args.teacher, say, src, group), src, group)]
     else:
-        members = train_ensemble(s, log, args.jobs)
+        teacher_was_saved = False
+        members = train_ensemble(s, say, src, group)
+    # Every process names the bad rows of its own share; the leader also the leftovers.
+    for line in src.skipped.report(listing=group.leader):
+        print(("[process %d] " % group.rank if group.world > 1 else "") + line, flush=True)
+    if not group.leader:
+        return 0
     model = as_predictor(members)
-    cfg, sets = validation_sets(s)
+    cfg, sets = validation_sets(s, src)
     s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
     print("stroke-end threshold %g" % s["stroke_end_thres"], flush=True)
     train_s = time.time() - t0
-    os.makedirs(args.out, exist_ok=True)
-    cfg_path = os.path.join(args.out, "stylus_predictor.json")
-    tfl_path = os.path.join(args.out, "stylus_predictor.tflite")
-    with open(cfg_path, "w") as f:
-        json.dump(config_json(s), f, indent=4)
-        f.write("\n")
-    model.export(tfl_path)
-    if args.state:
-        torch.save({"settings": s, "states": [m.state_dict() for m in members], "train_s": train_s}, args.state)
-    write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets)
+    # The shipped files are read before --out may replace them.
+    with tempfile.TemporaryDirectory() as keep:
+        shipped = None
+        if not args.no_compare and os.path.exists(args.shipped):
+            shipped = os.path.join(keep, "shipped.json")
+            with open(args.shipped) as f:
+                shipped_cfg = json.load(f)
+            model_file = shipped_cfg["PredictionModel"]["model_name"]
+            shutil.copy(os.path.join(os.path.dirname(os.path.abspath(args.shipped)), model_file),
+                        os.path.join(keep, model_file))
+            with open(shipped, "w") as f:
+                json.dump(shipped_cfg, f)
+        os.makedirs(args.out, exist_ok=True)
+        cfg_path = os.path.join(args.out, "stylus_predictor.json")
+        tfl_path = os.path.join(args.out, "stylus_predictor.tflite")
+        with open(cfg_path, "w") as f:
+            json.dump(config_json(s), f, indent=4)
+            f.write("\n")
+        model.export(tfl_path)
+        if args.state:
+            torch.save({"settings": s, "states": [m.state_dict() for m in members], "train_s": train_s}, args.state)
+        write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets, src,
+                   run_note(group, s["distill"] > 0, teacher_was_saved))
+        print("wrote %s, %s and %s (%.1f minutes)" % (tfl_path, cfg_path, os.path.join(args.out, "MODEL_CARD.md"),
+                                                      train_s / 60.0), flush=True)
+        if args.no_compare:
+            return 0
+        binary = args.replay or compare.find_replay()
+        if shipped is None or not binary:
+            print("no comparison: %s" % ("no stylus-replay (build it or give --replay)" if not binary
+                                         else "no shipped model at %s" % args.shipped))
+            return 0
+        print("\n".join([""] + compare.compare(binary, cfg_path, shipped, src.validation())), flush=True)
+    return 0
 
 
-def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=None, sets=None):
+def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=None, sets=None, src=None,
+               run_note=""):
     cfg = FeatureConfig(model_section(s))
     # The exported file must compute what the trained network computes: the float32 file and
     # the float32 network are both compared with a float64 run of the network.
-    probe = datasets_probe(cfg)
+    src = src or default_sources()
+    probe = build(src.validation()[0][1], cfg).x[:4096]
     ref_d, ref_e = torch_predictor(copy.deepcopy(model).double())(probe.astype(np.float64))
     out0, out1 = tflite_forward(tfl_path, probe)
     f32_d, _ = torch_predictor(model)(probe)
@@ -644,7 +859,7 @@ def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=No
     if gap > 1e-4 or prob_gap > 1e-4:  # mm; 0.1 um, far below anything a screen shows
         raise SystemExit("exported model does not match the trained network")
     predict = evaluate.tflite_predictor(tfl_path, NUM_PREDICTIONS)
-    sets = sets if sets is not None else validation_sets(s)[1]
+    sets = sets if sets is not None else validation_sets(s, src)[1]
     summary = {}
     parts = ["### Validation writers, resampled to 100-600 Hz (smooth and rounded to whole pixels), batches of 1-8\n\n"
              + "Computed by `evaluate.py` (the training code's rows, bit for bit the library's, through the .tflite file).\n\n"
@@ -660,14 +875,13 @@ def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=No
         parts.append(EVAL_SECTION + eval_headline(replay) + "\n\n"
                      + card_tables.single_report(replay, "drops_charged", "Evaluation"))
     report = "\n\n".join(parts)
-    print(report)
     final_row = FINAL_ROW.format(
         what=network_summary(s),
         thres=s["stroke_end_thres"], worst="%.3f / %.3f" % (summary["worst"], summary["worst_in_range"]),
         losing="%d / %d" % (summary["losing"], summary["losing_in_range"]), p20="%.4f" % summary["last_mean"],
         caught="%.1f %% (%.3f %% dropped)" % (100 * summary["caught"], 100 * summary["drops"]))
     write_model_card(os.path.join(os.path.dirname(tfl_path), "MODEL_CARD.md"), model, s, report, train_s,
-                     tflite_operators(tfl_path), SELECTION_NOTES.format(final_row=final_row))
+                     tflite_operators(tfl_path), SELECTION_NOTES.format(final_row=final_row), src, run_note)
 
 
 def end_tradeoff_table(logits, valid, shipped, thresholds=(0.9, 0.93, 0.95, 0.97, 0.98, 0.99)):
@@ -753,11 +967,6 @@ def eval_headline(replay, points="drops_charged"):
     return text
 
 
-def datasets_probe(cfg):
-    f = [p for p in file_list("train") if os.path.basename(p) == VALIDATION[0]][0]
-    return build(Recording.load(f), cfg).x[:4096]
-
-
 def seed_list(seeds):
     return ", ".join(str(seed) for seed in seeds)
 
@@ -804,7 +1013,7 @@ def teacher_text(s):
             "cost.\n" % (len(seeds), seed_list(seeds), 100 * s["distill"]))
 
 
-def write_model_card(path, model, s, report_text, train_s, operators, selection):
+def write_model_card(path, model, s, report_text, train_s, operators, selection, src, run_note=""):
     sec = model_section(s)
     n = s["num_historical_points"]
     learned, fixed = model.parameter_count()
@@ -816,16 +1025,15 @@ def write_model_card(path, model, s, report_text, train_s, operators, selection)
                   "is to lifting (a difference only on the rare batch longer than the history)." if s["use_raw_pressure"]
                   else "the pressure feature is the sample-to-sample difference."),
         pressure_row="pressure" if s["use_raw_pressure"] else "pressure difference",
-        thres=s["stroke_end_thres"], val=", ".join("`%s`" % v for v in VALIDATION),
+        thres=s["stroke_end_thres"], val=", ".join("`%s`" % os.path.basename(p) for p, _ in src.validation()),
         hidden=" -> ".join("FC %d relu" % h for h in s["hidden"]), mlp_in=model.mlp_in,
         learned=learned, fixed=fixed, ops=", ".join(operators), copies=s["copies"],
         epochs=s["epochs"], batch=s["batch"], lr=s["lr"],
         seed=("seeds %s (one network each)" % seed_list(m["seed"] for m in member_settings(s))
               if s.get("ensemble_seeds") else "seed %d" % s["seed"]),
         ensemble_text=ensemble_text(s) + teacher_text(s), drops=100 * s["max_in_stroke_drops"],
-        report=report_text, train_min=train_s / 60.0, data=DATA,
-        train_note=(" (given a saved teacher this counts only this network; each of the teacher's networks takes "
-                    "about 25 minutes more on one core)" if s.get("distill") else ""),
+        report=report_text, train_min=train_s / 60.0,
+        train_note=run_note,
         r0=s["rates"][0], r1=s["rates"][1], z0=s["sizes"][0], z1=s["sizes"][1],
         rates=", ".join(str(r) for r in VAL_RATES), batches=", ".join(str(b) for b in VAL_BATCHES),
         end_text=("The stroke-end logits come from a branch of their own (%s -> 5) that reads the same "
@@ -1107,14 +1315,16 @@ an augmented copy's points are kept (neighbours at fast rates say nearly the sam
 linear interpolation inside the stroke; points past the pen-up sample are stroke-end positives
 and carry no displacement loss. Loss: per-horizon mean Euclidean error divided by the better
 baseline's mean error at that horizon{relative_text}, plus binary cross-entropy of the stroke-end logits. Adam,
-one-cycle schedule, {epochs} epochs, batch {batch}, max lr {lr}, {seed}, one thread,
+one-cycle schedule, {epochs} epochs, batch {batch}, max lr {lr}, {seed}, one thread per process,
 deterministic algorithms. Last training run: {train_min:.1f} minutes{train_note}.
 
-Retrain (rewrites `models/` and this card; recordings from `$STYLUS_DATA`, see the README; `--jobs K` trains K
-of the teacher's networks at once, one core each, with the same result; `--teacher STATE` reuses the
+Retrain (writes the model, its configuration and this card to `--out`, then replays the new model
+against the shipped one and both baselines on the validation recordings; recordings are the
+recorder's `.dat` files or CSV files under the `--data` directories, see the README; `--jobs N`
+trains in N processes, one core each, the same bytes for the same N; `--teacher STATE` reuses the
 teacher saved there by an earlier run, or saves the one it trains there):
 
-    /usr/bin/python3 tools/train/train.py [--jobs K] [--teacher STATE] [--state STATE]
+    /usr/bin/python3 tools/train/train.py --data DIR... --validation DIR... --out DIR [--jobs N] [--teacher STATE]
 
 Compare candidate settings on the validation writers: `tools/train/train.py --select [NAME ...]`.
 Tables for any recordings: `tools/train/evaluate.py FILE.csv ... [--rates own,100,600] [--batches 1,4]`.
@@ -1138,4 +1348,4 @@ training code builds the library's rows bit for bit, the .tflite file is run in 
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

@@ -1,0 +1,128 @@
+"""The training processes: one, several on this machine (--jobs), or many under torchrun.
+
+Every process builds only its share of the training recordings; each batch is drawn from the
+whole set by the same permutation in every process, each process computes the loss terms of the
+batch's points it holds, and the gradients are summed across processes (gloo all-reduce) before
+every process takes the same optimiser step. The loss is normalised by counts over the whole batch,
+so the summed gradient is the one-process gradient up to the order of float additions.
+"""
+
+import os
+
+import numpy as np
+import torch
+import torch.distributed as dist
+
+
+class Group:
+    """This process's rank among `world` training processes (a lone process is rank 0 of 1)."""
+
+    def __init__(self, rank=0, world=1):
+        self.rank, self.world = rank, world
+
+    @classmethod
+    def from_environment(cls):
+        """The group torchrun (or --jobs) started: RANK, WORLD_SIZE, MASTER_ADDR and MASTER_PORT in the
+        environment. Without them, one process."""
+        world = int(os.environ.get("WORLD_SIZE", "1"))
+        if world <= 1:
+            return cls()
+        if not dist.is_initialized():
+            dist.init_process_group("gloo")
+        return cls(dist.get_rank(), dist.get_world_size())
+
+    @property
+    def leader(self):
+        return self.rank == 0
+
+    def sum(self, array):
+        """Elementwise sum over the processes of a numpy array (float64 or float32)."""
+        if self.world == 1:
+            return array
+        t = torch.from_numpy(np.ascontiguousarray(array))
+        dist.all_reduce(t, op=dist.ReduceOp.SUM)
+        return t.numpy()
+
+    def sum_gradients(self, params):
+        """Adds every process's gradients into every process's, in one all-reduce."""
+        if self.world == 1:
+            return
+        grads = [p.grad for p in params]
+        flat = torch.cat([g.reshape(-1) for g in grads])
+        dist.all_reduce(flat, op=dist.ReduceOp.SUM)
+        pos = 0
+        for g in grads:
+            g.copy_(flat[pos:pos + g.numel()].view_as(g))
+            pos += g.numel()
+
+    def broadcast_object(self, obj):
+        """The leader's object in every process."""
+        if self.world == 1:
+            return obj
+        box = [obj]
+        dist.broadcast_object_list(box, src=0)
+        return box[0]
+
+    def barrier(self):
+        if self.world > 1:
+            dist.barrier()
+
+    def owners(self, sizes):
+        """Rank owning each recording: largest first to the least loaded rank, so shares are even
+        whatever the order of the files; the same in every process."""
+        load = np.zeros(self.world)
+        owner = np.zeros(len(sizes), np.int64)
+        for j in sorted(range(len(sizes)), key=lambda j: (-sizes[j], j)):
+            owner[j] = int(np.argmin(load))
+            load[owner[j]] += sizes[j]
+        return owner
+
+
+class Layout:
+    """Where the points of the whole training set are: the whole set is the recordings' blocks in
+    recording order; this process holds the blocks of its recordings, in the same order."""
+
+    def __init__(self, group, counts, owner):
+        self.group = group
+        self.total = int(counts.sum())
+        start = np.concatenate([[0], np.cumsum(counts)[:-1]])
+        mine = owner == group.rank
+        self.local_count = int(counts[mine].sum())
+        # Global index -> index in this process's arrays (-1: held by another process).
+        self.local_of = np.full(self.total, -1, np.int64)
+        pos = 0
+        for j in np.flatnonzero(mine):
+            self.local_of[start[j]:start[j] + counts[j]] = np.arange(pos, pos + counts[j])
+            pos += counts[j]
+        self.global_of = np.flatnonzero(self.local_of >= 0)
+
+    @classmethod
+    def single(cls, count):
+        return cls(Group(), np.array([count], np.int64), np.zeros(1, np.int64))
+
+    def batches(self, perm, batch):
+        """Per global batch of the permutation: this process's local indices of its points."""
+        local = self.local_of[perm]
+        out = []
+        for i in range(0, self.total, batch):
+            part = local[i:i + batch]
+            out.append(torch.from_numpy(part[part >= 0]))
+        return out
+
+    def batch_counts(self, perm, batch, valid):
+        """[batches, P + 1]: per global batch, the valid targets per horizon and the points, summed
+        over the processes (one all-reduce per epoch instead of one per step)."""
+        n_batches = (self.total + batch - 1) // batch
+        where = np.empty(self.total, np.int64)
+        where[perm] = np.arange(self.total) // batch
+        b = where[self.global_of]
+        counts = np.zeros((n_batches, valid.shape[1] + 1))
+        for h in range(valid.shape[1]):
+            counts[:, h] = np.bincount(b, weights=valid[:, h].astype(np.float64), minlength=n_batches)
+        counts[:, -1] = np.bincount(b, minlength=n_batches)
+        return self.group.sum(counts)
+
+    def sample(self, stride):
+        """Global indices of every stride-th point, and which of them this process holds."""
+        idx = np.arange(0, self.total, stride)
+        return idx, self.local_of[idx]
