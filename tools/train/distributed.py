@@ -63,9 +63,12 @@ class Group:
         dist.broadcast_object_list(box, src=0)
         return box[0]
 
-    def barrier(self):
+    def close(self):
+        """Waits for every process, then leaves the group: a process that exits with the group still
+        open aborts in gloo's threads."""
         if self.world > 1:
             dist.barrier()
+            dist.destroy_process_group()
 
     def owners(self, sizes):
         """Rank owning each recording: largest first to the least loaded rank, so shares are even

@@ -15,7 +15,7 @@ import tempfile
 
 import card_tables
 from features import Recording, at_rate, parse_rates, rate_label
-from train import VAL_BATCHES, VAL_RATES, VALIDATION, file_list
+from train import DEFAULT_VALIDATION, VAL_BATCHES, VAL_RATES
 
 HEADER = "timestamp,x_pos,y_pos,pressure,tilt,orientation,tag\n"
 
@@ -49,7 +49,7 @@ def main(argv=None):
     ap.add_argument("--batches", default=",".join(str(b) for b in VAL_BATCHES))
     ap.add_argument("--keep", metavar="DIR", help="write the recordings and summaries here instead of a temporary directory")
     args = ap.parse_args(argv)
-    sources = [f for f in file_list("train") if os.path.basename(f) in VALIDATION]
+    sources = DEFAULT_VALIDATION
     replay, config = os.path.abspath(args.replay), os.path.abspath(args.config)
     with tempfile.TemporaryDirectory() as tmp:
         work = os.path.abspath(args.keep) if args.keep else tmp

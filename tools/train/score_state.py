@@ -44,7 +44,7 @@ def main():
         s["stroke_end_thres"] = train.choose_threshold(s, predict, sets)
         cfg.stroke_end_thres = s["stroke_end_thres"]
         summary = {}
-        val = [f for f in train.file_list("train") if f.rsplit("/", 1)[-1] in train.VALIDATION]
+        val = [rec for _, rec in train.default_sources().validation()]
         evaluate.report(predict, cfg, val, train.VAL_RATES, train.VAL_BATCHES, "Validation", summary=summary)
         print("%s: worst %.3f / in range %.3f, losing %d / in range %d, +20 ms pooled %.4f, "
               "threshold %.2f drops %.3f %% caught %.1f %%" % (

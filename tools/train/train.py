@@ -746,7 +746,10 @@ def main(argv=None):
     for kv in args.set:
         k, v = kv.split("=", 1)
         s[k] = json.loads(v)
-    src = Sources(args.data, args.validation)
+    try:
+        src = Sources(args.data, args.validation)
+    except FileNotFoundError as e:
+        raise SystemExit("%s (recordings are given with --data and --validation)" % e)
     if args.card_from:
         s, model, train_s = load_state(args.card_from)
         cfg, sets = validation_sets(s, src)
@@ -765,7 +768,13 @@ def main(argv=None):
         return 0
     others = start_local_group(args.jobs, argv)
     try:
-        status = retrain(args, s, src)
+        group = Group.from_environment()
+        status = retrain(args, s, src, group)
+        group.close()
+    except BaseException:
+        for p in others:  # they would wait for this process in the next all-reduce
+            p.kill()
+        raise
     finally:
         failed = [p.wait() for p in others]
     return status or (1 if any(failed) else 0)
@@ -779,10 +788,9 @@ def run_note(group, distilled, teacher_was_saved):
     return " (%s%s; load average %.1f at the end)" % (where, what, os.getloadavg()[0])
 
 
-def retrain(args, s, src):
+def retrain(args, s, src, group):
     """Trains on every process of the group; the leading one writes the outputs and compares."""
     t0 = time.time()
-    group = Group.from_environment()
     say = (lambda m: print(m, flush=True)) if group.leader else (lambda m: None)
     if group.world > 1:
         say("training in %d processes" % group.world)
