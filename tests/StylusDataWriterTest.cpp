@@ -424,6 +424,13 @@ TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
         testsupport::writeFile(dir.file(name), kHeader + rows(1, 2) + torn);
     }
     ASSERT_EQ(link(dir.file(stem + "7.dat.tmp").c_str(), dir.file(stem + "7.dat").c_str()), 0);  // ended before removing it
+    // Files a recorder killed while creating one left under their hidden names: gone once a minute old.
+    const std::string abandoned = dir.file(stem + "8.dat.tmp.new-AbCd12");
+    const std::string recent = dir.file(stem + "9.dat.tmp.new-AbCd12");
+    testsupport::writeFile(abandoned, "");
+    testsupport::writeFile(recent, "");
+    const timespec twoMinutesAgo[2] = {{std::time(nullptr) - 120, 0}, {std::time(nullptr) - 120, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, abandoned.c_str(), twoMinutesAgo, 0), 0);
     const int held = open(dir.file(stem + "6.dat.tmp").c_str(), O_RDWR);
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
     LogCapture log;
@@ -452,7 +459,10 @@ TEST(StylusDataWriterTest, LeftoverTmpFilesAreFinishedAtStart) {
         EXPECT_EQ(readFile(dir.file(name)), kHeader + rows(1, 2) + torn);
         EXPECT_EQ(log.countMatching(std::regex(".*" + name + ".*")), 0);
     }
-    EXPECT_EQ(filesIn(dir.path()).size(), 10u);  // 1, 2, 4, 5, 5_1, 6, 7 and the three foreign ones
+    EXPECT_EQ(log.count("Abandoned recording " + abandoned + " removed"), 1);
+    EXPECT_EQ(log.count("Left " + recent + " as it is: recent or locked, perhaps being created"), 1);
+    EXPECT_FALSE(boost::filesystem::exists(abandoned));
+    EXPECT_EQ(filesIn(dir.path()).size(), 11u);  // 1, 2, 4, 5, 5_1, 6, 7, the recent hidden and three foreign
 }
 
 TEST(StylusDataWriterTest, DiskFillPercentIsTheUsedShareRoundedDown) {

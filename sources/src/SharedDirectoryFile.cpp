@@ -51,7 +51,9 @@ bool writeAll(int fd, const std::string& text) {
 int openRegular(const std::string& path, int flags, std::string& reason, struct stat* info) {
     const int fd = ::open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0) {
-        reason = errno == ELOOP ? std::string("a symbolic link, not followed") : failure("cannot open", errno);
+        const int error = errno;
+        reason = error == ELOOP ? std::string("a symbolic link, not followed") : failure("cannot open", error);
+        errno = error;
         return -1;
     }
     struct stat status {};
