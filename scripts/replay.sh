@@ -9,6 +9,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
+# Only what the build and the replay need; the test tools come with scripts/run-tests.sh.
 scripts/install-deps.sh
 
 build="$root/build/release"
