@@ -318,17 +318,18 @@ TEST(PredictionEvaluatorTest, PointSetsDropsAndRecordingAveragesAreKeptApart) {
     EXPECT_EQ(std::make_tuple(last.predictions, last.pastStrokeEnd, last.droppedInside, last.droppedPastEnd),
               std::make_tuple(std::size_t{2}, std::size_t{1}, std::size_t{0}, std::size_t{1}));
 
-    // Dropped points are no rows of the predictions file; the least-squares columns come last.
+    // Dropped points are no rows of the predictions file; the least-squares columns, then the model's
+    // overshoot: 44 lands at x 47, 7 px past the lift at 40 along the line, 3.5 mm.
     std::ostringstream csv;
     PredictionCsv::writeHeader(csv);
     PredictionCsv::write(csv, line.path, std::vector<PointResult>(results.begin() + 4, results.begin() + 8));
     EXPECT_EQ(csv.str(),
               std::string(PredictionCsv::header) + "\n"
               "dir/line.csv,0,28,32,4,35.0000,4.0000,32.0000,0.0000,2.50000,32.0000,0.0000,0.00000,inside,"
-              "32.0000,0.0000,0.00000\n"
-              "dir/line.csv,0,28,44,16,47.0000,4.0000,,,,44.0000,0.0000,,past_end,44.0000,0.0000,\n");
+              "32.0000,0.0000,0.00000,\n"
+              "dir/line.csv,0,28,44,16,47.0000,4.0000,,,,44.0000,0.0000,,past_end,44.0000,0.0000,,3.50000\n");
     EXPECT_EQ(std::string(PredictionCsv::header).substr(std::string(PredictionCsv::header).rfind(",where")),
-              ",where,ls_x,ls_y,ls_error_mm");
+              ",where,ls_x,ls_y,ls_error_mm,overshoot_mm");
 }
 
 TEST(RecordingReaderTest, ReadsWhatTheRecorderWritesByteForByte) {

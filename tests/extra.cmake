@@ -79,3 +79,12 @@ if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.j
             ${CMAKE_SOURCE_DIR}/models/stylus_predictor.json)
   set_tests_properties(TrainingFromRecorderDirectory PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900)
 endif()
+
+# The replay's peers: predictors, resampling, the peers file, the tuning tool and the overshoot.
+if(TARGET PeersTest AND TARGET ReplayCore AND TARGET stylus-tune-peers)
+  target_link_libraries(PeersTest PRIVATE ReplayCore)
+  target_compile_definitions(PeersTest PRIVATE
+    STYLUS_TUNE_PEERS_EXE="$<TARGET_FILE:stylus-tune-peers>"
+    STYLUS_SHIPPED_CONFIG="${CMAKE_SOURCE_DIR}/models/stylus_predictor.json")
+  add_dependencies(PeersTest stylus-tune-peers)
+endif()

@@ -18,6 +18,10 @@ const char* const CommandLine::usage =
     "  --json FILE             write the summary as JSON\n"
     "  --predictions-out FILE  write every prediction as CSV\n"
     "  --report FILE.html      write an HTML page with drawings and charts\n"
+    "  --peers                 also measure the tuned peers (Kalman filters, least-squares fits), with\n"
+    "                          the parameters tuned for the rate nearest each recording's own\n"
+    "  --peers-file FILE       their parameters (default: beside the configuration,\n"
+    "                          models/stylus_predictor.peers.json; made by stylus-tune-peers)\n"
     "  --log FILE              where the library's log lines go (default: stylus-replay.log in the\n"
     "                          current directory)\n"
     "  --verbose               the library's log lines on the terminal instead\n"
@@ -83,6 +87,14 @@ ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
             options.predictionsPath = takeValue();
         } else if (arg == "--report") {
             options.reportPath = takeValue();
+        } else if (arg == "--peers") {
+            noValue();
+            options.peers = true;
+        } else if (arg == "--peers-file") {
+            options.peersPath = takeValue();
+            if (options.peersPath.empty()) {
+                throw ReplayError("--peers-file needs a file name");
+            }
         } else if (arg == "--log") {
             options.logPath = takeValue();
             if (options.logPath.empty()) {
@@ -102,6 +114,9 @@ ReplayOptions CommandLine::parse(const std::vector<std::string>& args) {
     }
     if (options.verbose && !options.logPath.empty()) {
         throw ReplayError("--log and --verbose exclude each other");
+    }
+    if (!options.peersPath.empty() && !options.peers) {
+        throw ReplayError("--peers-file needs --peers");
     }
     if (options.inputs.empty() && !options.help && options.checkConfigPath.empty()) {
         throw ReplayError("no recording given");

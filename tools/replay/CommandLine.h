@@ -15,6 +15,8 @@ struct ReplayOptions {
     std::string predictionsPath;
     std::string reportPath;
     std::string logPath;  // empty: defaultLogPath, unless verbose
+    bool peers = false;     // the tuned peers beside the baselines
+    std::string peersPath;  // empty: the peers file beside the configuration
     bool verbose = false;  // the library's log lines on the terminal
     bool quiet = false;
     bool help = false;
@@ -27,8 +29,8 @@ public:
     static const char* const defaultLogPath;
 
     // Options take their value as the next argument or after '='. Throws ReplayError on an unknown
-    // option, a missing value, a batch size below 1, --log with --verbose, or no recording (unless
-    // help or a configuration check was asked).
+    // option, a missing value, a batch size below 1, --log with --verbose, --peers-file without --peers,
+    // or no recording (unless help or a configuration check was asked).
     static ReplayOptions parse(const std::vector<std::string>& args);
 
     // Files stay as given; a directory stands for its *.csv and *.dat files in name order.

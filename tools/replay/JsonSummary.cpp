@@ -25,11 +25,25 @@ std::string distribution(const DistributionSummary& d) {
            ", \"median_mm\": " + real(d.median) + ", \"p95_mm\": " + real(d.p95) + "}";
 }
 
-std::string pointSet(const PointSetSummary& p) {
-    return "{\"count\": " + std::to_string(p.count) + ", \"recordings\": " + std::to_string(p.recordings) +
-           ",\n       \"model\": " + distribution(p.model) +
-           ",\n       \"constant_velocity\": " + distribution(p.constantVelocity) +
-           ",\n       \"least_squares_3\": " + distribution(p.leastSquares) + "}";
+using Kinds = std::vector<const peers::PredictorKind*>;
+
+std::string pointSet(const PointSetSummary& p, const Kinds& tuned) {
+    std::string text = "{\"count\": " + std::to_string(p.count) + ", \"recordings\": " + std::to_string(p.recordings) +
+                       ",\n       \"model\": " + distribution(p.model) +
+                       ",\n       \"constant_velocity\": " + distribution(p.constantVelocity) +
+                       ",\n       \"least_squares_3\": " + distribution(p.leastSquares);
+    for (std::size_t i = 0; i < tuned.size() && i < p.peers.size(); ++i) {
+        text += ",\n       \"" + std::string(tuned[i]->key) + "\": " + distribution(p.peers[i]);
+    }
+    return text + "}";
+}
+
+std::string overshoot(const OvershootSummary& o, const Kinds& predictors) {
+    std::string text = "{\"count\": " + std::to_string(o.count) + ",\n       \"model\": " + distribution(o.model);
+    for (std::size_t i = 0; i < predictors.size() && i < o.predictors.size(); ++i) {
+        text += ",\n       \"" + std::string(predictors[i]->key) + "\": " + distribution(o.predictors[i]);
+    }
+    return text + "}";
 }
 
 std::string counts(const ReplayCounts& c) {
@@ -46,7 +60,9 @@ std::string counts(const ReplayCounts& c) {
            ", \"dropped_past_end\": " + std::to_string(c.droppedPastEnd) + "}";
 }
 
-void horizons(std::ostream& out, const std::vector<HorizonSummary>& rows, const std::string& indent) {
+void horizons(std::ostream& out, const std::vector<HorizonSummary>& rows, const std::string& indent,
+              const ReplaySummary& s) {
+    const Kinds tuned = s.tunedPredictors();
     out << "[";
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const HorizonSummary& h = rows[i];
@@ -56,8 +72,9 @@ void horizons(std::ostream& out, const std::vector<HorizonSummary>& rows, const 
             << ",\n"
             << indent << "   \"model\": " << distribution(h.model) << ",\n"
             << indent << "   \"constant_velocity\": " << distribution(h.constantVelocity) << ",\n"
-            << indent << "   \"predicted_by_all\": " << pointSet(h.common) << ",\n"
-            << indent << "   \"drops_charged\": " << pointSet(h.charged) << "}";
+            << indent << "   \"predicted_by_all\": " << pointSet(h.common, tuned) << ",\n"
+            << indent << "   \"drops_charged\": " << pointSet(h.charged, tuned) << ",\n"
+            << indent << "   \"overshoot\": " << overshoot(h.overshoot, s.predictors) << "}";
     }
     out << (rows.empty() ? "]" : "\n" + indent + "]");
 }
@@ -80,17 +97,27 @@ void JsonSummary::write(std::ostream& out, const ReplaySummary& s) {
     out << "  \"settings\": {\"batch_size\": " << s.batchSize << ", \"realtime\": " << (s.realtime ? "true" : "false")
         << ", \"queue_full_policy\": " << text(s.queueFullPolicy) << ", \"prediction_step_ms\": " << s.predictionStepMs
         << ", \"num_predictions\": " << s.numPredictions << ", \"mm_per_pixel\": " << real(s.mmPerPixel) << "},\n";
+    out << "  \"predictors\": [";
+    for (std::size_t i = 0; i < s.predictors.size(); ++i) {
+        const peers::PredictorKind& kind = *s.predictors[i];
+        out << (i > 0 ? ",\n    " : "\n    ") << "{\"key\": " << text(kind.key) << ", \"label\": " << text(kind.label)
+            << ", \"tuned\": " << (kind.tuned ? "true" : "false") << "}";
+    }
+    out << "],\n";
+    out << "  \"peers_file\": " << (s.peerFile.empty() ? "null" : text(s.peerFile)) << ",\n";
     out << "  \"counts\": " << counts(s.counts) << ",\n";
     out << "  \"horizons\": ";
-    horizons(out, s.horizons, "  ");
+    horizons(out, s.horizons, "  ", s);
     out << ",\n  \"macro_average\": {\"horizons\": ";
-    horizons(out, s.macroAverage, "    ");
+    horizons(out, s.macroAverage, "    ", s);
     out << "},\n  \"recordings\": [";
     for (std::size_t i = 0; i < s.recordings.size(); ++i) {
         const RecordingSummary& r = s.recordings[i];
-        out << (i > 0 ? ",\n" : "\n") << "    {\"path\": " << text(r.path) << ",\n     \"counts\": " << counts(r.counts)
+        out << (i > 0 ? ",\n" : "\n") << "    {\"path\": " << text(r.path) << ", \"rate_hz\": " << real(r.rateHz)
+            << ", \"peers_rate_hz\": " << (r.peerRateHz > 0.0 ? real(r.peerRateHz) : "null")
+            << ",\n     \"counts\": " << counts(r.counts)
             << ",\n     \"horizons\": ";
-        horizons(out, r.horizons, "     ");
+        horizons(out, r.horizons, "     ", s);
         out << "}";
     }
     out << (s.recordings.empty() ? "],\n" : "\n  ],\n");

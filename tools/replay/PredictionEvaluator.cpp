@@ -8,9 +8,20 @@ namespace replay {
 
 namespace {
 
+// The tuned peers' guesses follow the baselines' in PointResult::guesses.
+constexpr std::size_t baselineCount = 2;
+
 void addPoint(ReplayCounts& counts, HorizonMap& horizons, const PointResult& r) {
     HorizonTotals& horizon = horizons[r.horizonMs];
     const bool inside = r.where == TruthPoint::Where::Inside;
+    if (r.where == TruthPoint::Where::PastEnd) {
+        OvershootTotals& overshoot = horizon.overshoot;
+        overshoot.model.add(r.dropped ? 0.0 : r.overshootMm);
+        overshoot.predictors.resize(r.guesses.size());
+        for (std::size_t i = 0; i < r.guesses.size(); ++i) {
+            overshoot.predictors[i].add(r.guesses[i].has ? r.guesses[i].overshootMm : 0.0);
+        }
+    }
     if (r.dropped) {
         ++(inside ? counts.droppedInside : counts.droppedPastEnd);
         ++(inside ? horizon.droppedInside : horizon.droppedPastEnd);
@@ -41,15 +52,32 @@ void addPoint(ReplayCounts& counts, HorizonMap& horizons, const PointResult& r) 
         set->model.add(r.errorMm);
         set->constantVelocity.add(r.baselineErrorMm);
         set->leastSquares.add(r.lsErrorMm);
+        const std::size_t peerCount = r.guesses.size() > baselineCount ? r.guesses.size() - baselineCount : 0;
+        set->peers.resize(peerCount);
+        for (std::size_t i = 0; i < peerCount; ++i) {
+            // Every peer guesses from one sample on, so it has a guess wherever constant velocity has.
+            set->peers[i].add(r.guesses[baselineCount + i].errorMm);
+        }
     }
 }
 
 }  // namespace
 
-PredictionEvaluator::PredictionEvaluator(double mmPerPixel, int predictionStepMs, int numPredictions)
-    : mmPerPixel(mmPerPixel), predictionStepMs(predictionStepMs), numPredictions(numPredictions) {}
+PredictionEvaluator::PredictionEvaluator(double mmPerPixel, int predictionStepMs, int numPredictions,
+                                         const peers::PeerFile* peerFile, const std::string& peerFilePath)
+    : mmPerPixel(mmPerPixel), peerFile(peerFile), predictionStepMs(predictionStepMs), numPredictions(numPredictions) {
+    for (const peers::PredictorKind& kind : peers::predictorKinds()) {
+        if (!kind.tuned || peerFile != nullptr) {
+            sums.predictors.push_back(&kind);
+        }
+    }
+    if (peerFile != nullptr) {
+        sums.peerFile = peerFilePath;
+    }
+}
 
-PointResult PredictionEvaluator::measure(const Recording& recording, const Batching& batching, std::size_t batchIndex,
+PointResult PredictionEvaluator::measure(const Recording& recording, const Batching& batching,
+                                         const StrokeFollower& follower, std::size_t batchIndex,
                                          uint64_t baseTimestamp, uint64_t timestamp) const {
     const Batch& batch = batching.batches[batchIndex];
     const Stroke& stroke = batching.strokes[batch.stroke];
@@ -70,53 +98,46 @@ PointResult PredictionEvaluator::measure(const Recording& recording, const Batch
     result.where = truth.where;
     result.truthX = truth.x;
     result.truthY = truth.y;
-    const auto errorMm = [&](double x, double y) { return std::hypot(x - truth.x, y - truth.y) * mmPerPixel; };
     const double ahead = static_cast<double>(timestamp) - static_cast<double>(p1.timestamp);
 
-    // The stroke as the pipeline sees it: of samples sharing a timestamp only the last one, so walking
-    // back, the first one met of each timestamp. Times are relative to the newest sample.
-    double t[3] = {0.0, 0.0, 0.0}, x[3] = {p1.x_pos, 0.0, 0.0}, y[3] = {p1.y_pos, 0.0, 0.0};
-    std::size_t n = 1;
-    for (std::size_t i = newest; i > stroke.first && n < 3; --i) {
-        const StylusTouchPoint& p = recording.samples[i - 1];
-        const StylusTouchPoint& later = recording.samples[i];
-        if (p.timestamp < later.timestamp && p.timestamp < p1.timestamp) {
-            t[n] = static_cast<double>(p.timestamp) - static_cast<double>(p1.timestamp);
-            x[n] = p.x_pos;
-            y[n] = p.y_pos;
-            ++n;
+    result.guesses.resize(follower.size());
+    for (std::size_t i = 0; i < follower.size(); ++i) {
+        Guess& guess = result.guesses[i];
+        guess.has = follower.predict(i, ahead, guess.x, guess.y);
+        if (guess.has) {
+            guess.errorMm = std::hypot(guess.x - truth.x, guess.y - truth.y) * mmPerPixel;
+            if (truth.where == TruthPoint::Where::PastEnd) {
+                guess.overshootMm = overshootMm(recording, stroke, guess.x, guess.y);
+            }
         }
     }
-
-    // Constant velocity from the newest sample and the latest earlier one of its stroke.
-    if (n >= 2) {
-        const double scale = ahead / -t[1];
-        result.hasBaseline = true;
-        result.baselineX = x[0] + (x[0] - x[1]) * scale;
-        result.baselineY = y[0] + (y[0] - y[1]) * scale;
-        result.baselineErrorMm = errorMm(result.baselineX, result.baselineY);
+    const Guess& constantVelocity = result.guesses[0];
+    result.hasBaseline = constantVelocity.has;
+    if (constantVelocity.has) {
+        result.baselineX = constantVelocity.x;
+        result.baselineY = constantVelocity.y;
+        result.baselineErrorMm = constantVelocity.errorMm;
     }
-
-    // Least-squares slope of x(t) and y(t) over the last (up to) three samples, extrapolated from the
-    // newest sample itself rather than from the fitted line.
-    double meanT = 0.0, meanX = 0.0, meanY = 0.0;
-    for (std::size_t i = 0; i < n; ++i) {
-        meanT += t[i] / static_cast<double>(n);
-        meanX += x[i] / static_cast<double>(n);
-        meanY += y[i] / static_cast<double>(n);
-    }
-    double stt = 0.0, stx = 0.0, sty = 0.0;
-    for (std::size_t i = 0; i < n; ++i) {
-        stt += (t[i] - meanT) * (t[i] - meanT);
-        stx += (t[i] - meanT) * (x[i] - meanX);
-        sty += (t[i] - meanT) * (y[i] - meanY);
-    }
-    const double vx = stt > 0.0 ? stx / stt : 0.0;
-    const double vy = stt > 0.0 ? sty / stt : 0.0;
-    result.lsX = x[0] + vx * ahead;
-    result.lsY = y[0] + vy * ahead;
-    result.lsErrorMm = errorMm(result.lsX, result.lsY);
+    const Guess& leastSquares = result.guesses[1];
+    result.lsX = leastSquares.x;
+    result.lsY = leastSquares.y;
+    result.lsErrorMm = leastSquares.errorMm;
     return result;
+}
+
+double PredictionEvaluator::overshootMm(const Recording& recording, const Stroke& stroke, double x, double y) const {
+    const std::size_t last = stroke.first + stroke.count - 1;
+    const StylusTouchPoint& lift = recording.samples[last];
+    const double minimum = 0.2 / mmPerPixel;
+    for (std::size_t i = last; i > stroke.first; --i) {
+        const StylusTouchPoint& earlier = recording.samples[i - 1];
+        const double dx = lift.x_pos - earlier.x_pos, dy = lift.y_pos - earlier.y_pos;
+        const double length = std::hypot(dx, dy);
+        if (length >= minimum) {
+            return std::max(0.0, ((x - lift.x_pos) * dx + (y - lift.y_pos) * dy) / length) * mmPerPixel;
+        }
+    }
+    return std::hypot(x - lift.x_pos, y - lift.y_pos) * mmPerPixel;
 }
 
 std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recording, const Batching& batching,
@@ -127,6 +148,16 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
     }
     RecordingTotals own;
     own.path = recording.path;
+    own.rateHz = samplingRate(recording, batching);
+    std::vector<std::unique_ptr<peers::StrokePredictor>> predictors;
+    const peers::TunedRate* tuned = peerFile != nullptr ? &peerFile->nearest(own.rateHz > 0.0 ? own.rateHz : 1.0) : nullptr;
+    if (tuned != nullptr) {
+        own.peerRateHz = tuned->rateHz;
+    }
+    for (const peers::PredictorKind* kind : sums.predictors) {
+        predictors.push_back(kind->make(kind->tuned ? tuned->peers.at(kind->key).values : kind->initialValues()));
+    }
+    StrokeFollower follower(recording, batching, mmPerPixel, std::move(predictors));
     ReplayCounts& counts = own.counts;
     counts.recordings = 1;
     counts.strokes = batching.strokes.size();
@@ -153,16 +184,20 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
         }
         cursor = match + 1;
         ++counts.predictedBatches;
+        follower.follow(match);
         sums.modelLatencyUs.add(static_cast<double>(callback.modelLatencyUs));
         const auto sendToCallback = callback.receivedAt - sends[match].returnedAt;
         sums.sendToCallbackUs.add(std::max(0.0, std::chrono::duration<double, std::micro>(sendToCallback).count()));
 
         const std::size_t first = results.size();
         for (const PredictedStylusCoordinate& predicted : callback.coordinates) {
-            PointResult result = measure(recording, batching, match, callback.timestamp, predicted.timestamp);
+            PointResult result = measure(recording, batching, follower, match, callback.timestamp, predicted.timestamp);
             result.x = predicted.x;
             result.y = predicted.y;
             result.errorMm = std::hypot(result.x - result.truthX, result.y - result.truthY) * mmPerPixel;
+            if (result.where == TruthPoint::Where::PastEnd) {
+                result.overshootMm = overshootMm(recording, batching.strokes[result.stroke], result.x, result.y);
+            }
             results.push_back(result);
         }
         for (int k = 1; k <= numPredictions && predictionStepMs > 0; ++k) {
@@ -171,7 +206,7 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
             const bool delivered = std::any_of(results.begin() + static_cast<std::ptrdiff_t>(first), results.end(),
                                                [due](const PointResult& r) { return r.timestamp == due; });
             if (!delivered) {
-                PointResult result = measure(recording, batching, match, callback.timestamp, due);
+                PointResult result = measure(recording, batching, follower, match, callback.timestamp, due);
                 result.dropped = true;
                 // Charged as "no prediction": the pen is shown where it last was.
                 result.errorMm = std::hypot(result.baseX - result.truthX, result.baseY - result.truthY) * mmPerPixel;

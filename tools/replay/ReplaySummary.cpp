@@ -1,5 +1,6 @@
 #include "ReplaySummary.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <set>
@@ -16,18 +17,38 @@ LatencySummary latency(const ErrorStats& stats) {
     return {stats.count(), stats.percentile(50.0), stats.percentile(99.0)};
 }
 
-PointSetSummary pointSet(const PointSetTotals& totals, std::size_t recordings) {
+// Statistics of the i-th predictor; none when it never had a point.
+const ErrorStats& statsAt(const std::vector<ErrorStats>& stats, std::size_t i) {
+    static const ErrorStats none;
+    return i < stats.size() ? stats[i] : none;
+}
+
+PointSetSummary pointSet(const PointSetTotals& totals, std::size_t recordings, std::size_t peerCount) {
     PointSetSummary set;
     set.count = totals.model.count();
     set.recordings = set.count > 0 ? recordings : 0;
     set.model = distribution(totals.model);
     set.constantVelocity = distribution(totals.constantVelocity);
     set.leastSquares = distribution(totals.leastSquares);
+    for (std::size_t i = 0; i < peerCount; ++i) {
+        set.peers.push_back(distribution(statsAt(totals.peers, i)));
+    }
     return set;
 }
 
+OvershootSummary overshoot(const OvershootTotals& totals, std::size_t predictorCount) {
+    OvershootSummary summary;
+    summary.count = totals.model.count();
+    summary.model = distribution(totals.model);
+    for (std::size_t i = 0; i < predictorCount; ++i) {
+        summary.predictors.push_back(distribution(statsAt(totals.predictors, i)));
+    }
+    return summary;
+}
+
 std::vector<HorizonSummary> horizonRows(const HorizonMap& totals, const std::set<int64_t>& horizons,
-                                        const ReplayConfig& config, std::size_t recordings) {
+                                        const ReplayConfig& config, std::size_t recordings,
+                                        std::size_t predictorCount, std::size_t peerCount) {
     std::vector<HorizonSummary> rows;
     const HorizonTotals none;
     for (const int64_t ms : horizons) {
@@ -44,8 +65,9 @@ std::vector<HorizonSummary> horizonRows(const HorizonMap& totals, const std::set
         row.droppedPastEnd = horizon.droppedPastEnd;
         row.model = distribution(horizon.model);
         row.constantVelocity = distribution(horizon.constantVelocity);
-        row.common = pointSet(horizon.common, recordings);
-        row.charged = pointSet(horizon.charged, recordings);
+        row.common = pointSet(horizon.common, recordings, peerCount);
+        row.charged = pointSet(horizon.charged, recordings, peerCount);
+        row.overshoot = overshoot(horizon.overshoot, predictorCount);
         rows.push_back(row);
     }
     return rows;
@@ -78,19 +100,48 @@ struct DistributionAverage {
     DistributionSummary value() const { return {count, mean.value(), median.value(), p95.value()}; }
 };
 
+std::vector<DistributionSummary> values(const std::vector<DistributionAverage>& averages) {
+    std::vector<DistributionSummary> out;
+    for (const DistributionAverage& average : averages) {
+        out.push_back(average.value());
+    }
+    return out;
+}
+
+void addAll(std::vector<DistributionAverage>& averages, const std::vector<DistributionSummary>& own) {
+    averages.resize(std::max(averages.size(), own.size()));
+    for (std::size_t i = 0; i < own.size(); ++i) {
+        averages[i].add(own[i]);
+    }
+}
+
 struct PointSetAverage {
     std::size_t count = 0, recordings = 0;
     DistributionAverage model, constantVelocity, leastSquares;
+    std::vector<DistributionAverage> peers;
     void add(const PointSetSummary& set) {
         count += set.count;
         recordings += set.recordings;
         model.add(set.model);
         constantVelocity.add(set.constantVelocity);
         leastSquares.add(set.leastSquares);
+        addAll(peers, set.peers);
     }
     PointSetSummary value() const {
-        return {count, recordings, model.value(), constantVelocity.value(), leastSquares.value()};
+        return {count, recordings, model.value(), constantVelocity.value(), leastSquares.value(), values(peers)};
     }
+};
+
+struct OvershootAverage {
+    std::size_t count = 0;
+    DistributionAverage model;
+    std::vector<DistributionAverage> predictors;
+    void add(const OvershootSummary& own) {
+        count += own.count;
+        model.add(own.model);
+        addAll(predictors, own.predictors);
+    }
+    OvershootSummary value() const { return {count, model.value(), values(predictors)}; }
 };
 
 std::vector<HorizonSummary> averageOverRecordings(const std::vector<RecordingSummary>& recordings,
@@ -102,6 +153,7 @@ std::vector<HorizonSummary> averageOverRecordings(const std::vector<RecordingSum
         row.index = pooled[h].index;
         DistributionAverage model, constantVelocity;
         PointSetAverage common, charged;
+        OvershootAverage overshoot;
         for (const RecordingSummary& recording : recordings) {
             const HorizonSummary& own = recording.horizons[h];
             row.predictions += own.predictions;
@@ -112,11 +164,13 @@ std::vector<HorizonSummary> averageOverRecordings(const std::vector<RecordingSum
             constantVelocity.add(own.constantVelocity);
             common.add(own.common);
             charged.add(own.charged);
+            overshoot.add(own.overshoot);
         }
         row.model = model.value();
         row.constantVelocity = constantVelocity.value();
         row.common = common.value();
         row.charged = charged.value();
+        row.overshoot = overshoot.value();
         rows.push_back(row);
     }
     return rows;
@@ -134,8 +188,22 @@ std::string LibraryMetrics::validMeans(unsigned long long targetEventCount) {
            "metrics file kept";
 }
 
+std::vector<const peers::PredictorKind*> ReplaySummary::tunedPredictors() const {
+    std::vector<const peers::PredictorKind*> tuned;
+    for (const peers::PredictorKind* kind : predictors) {
+        if (kind->tuned) {
+            tuned.push_back(kind);
+        }
+    }
+    return tuned;
+}
+
 ReplaySummary ReplaySummary::make(const ReplayTotals& totals, const ReplayConfig& config) {
     ReplaySummary summary;
+    summary.predictors = totals.predictors;
+    summary.peerFile = totals.peerFile;
+    const std::size_t predictorCount = summary.predictors.size();
+    const std::size_t peerCount = summary.tunedPredictors().size();
     summary.configPath = config.path;
     summary.queueFullPolicy = config.queueFullPolicy;
     summary.predictionStepMs = config.predictionStepMs;
@@ -153,11 +221,16 @@ ReplaySummary ReplaySummary::make(const ReplayTotals& totals, const ReplayConfig
         horizons.insert(static_cast<int64_t>(k) * config.predictionStepMs);  // listed even when empty
     }
     for (const RecordingTotals& recording : totals.recordings) {
-        summary.recordings.push_back(
-            {recording.path, recording.counts, horizonRows(recording.horizons, horizons, config, 1)});
+        RecordingSummary own;
+        own.path = recording.path;
+        own.rateHz = recording.rateHz;
+        own.peerRateHz = recording.peerRateHz;
+        own.counts = recording.counts;
+        own.horizons = horizonRows(recording.horizons, horizons, config, 1, predictorCount, peerCount);
+        summary.recordings.push_back(own);
     }
     // In the pooled rows, a set's recordings are those with a point in it at that horizon.
-    summary.horizons = horizonRows(totals.horizons, horizons, config, 0);
+    summary.horizons = horizonRows(totals.horizons, horizons, config, 0, predictorCount, peerCount);
     const std::vector<HorizonSummary> macro = averageOverRecordings(summary.recordings, summary.horizons);
     for (std::size_t h = 0; h < macro.size(); ++h) {
         summary.horizons[h].common.recordings = macro[h].common.recordings;

@@ -19,13 +19,21 @@ struct DistributionSummary {
     double p95 = 0.0;
 };
 
-// One set of points measured for the model and both baselines.
+// One set of points measured for the model and both baselines, and the tuned peers when replayed.
 struct PointSetSummary {
     std::size_t count = 0;       // points
     std::size_t recordings = 0;  // recordings with at least one point in the set
     DistributionSummary model;
     DistributionSummary constantVelocity;
     DistributionSummary leastSquares;
+    std::vector<DistributionSummary> peers;  // ReplaySummary::tunedPredictors() order
+};
+
+// How far points due past their stroke's lift land beyond it (see PredictionEvaluator.h), mm.
+struct OvershootSummary {
+    std::size_t count = 0;  // points due past the lift, delivered or dropped by the model
+    DistributionSummary model;
+    std::vector<DistributionSummary> predictors;  // ReplaySummary::predictors order
 };
 
 struct HorizonSummary {
@@ -39,10 +47,13 @@ struct HorizonSummary {
     DistributionSummary constantVelocity;
     PointSetSummary common;   // where every predictor predicts
     PointSetSummary charged;  // plus the model's drops inside a stroke, charged as "no prediction"
+    OvershootSummary overshoot;
 };
 
 struct RecordingSummary {
     std::string path;
+    double rateHz = 0.0;      // samples per second, see samplingRate
+    double peerRateHz = 0.0;  // the tuned rate the peers' parameters came from; 0 without peers
     ReplayCounts counts;
     std::vector<HorizonSummary> horizons;  // the same horizons as the pooled ones
 };
@@ -68,6 +79,10 @@ struct LibraryMetrics {
 };
 
 struct ReplaySummary {
+    std::vector<const peers::PredictorKind*> predictors;  // besides the model, baselines first
+    std::string peerFile;                                 // empty without tuned peers
+    std::vector<const peers::PredictorKind*> tunedPredictors() const;
+
     std::string configPath;
     std::vector<std::string> inputs;
     int batchSize = 0;

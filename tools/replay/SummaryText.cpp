@@ -44,6 +44,32 @@ std::string figures(const PointSetSummary& set) {
            number(set.constantVelocity.p95, 9, 3);
 }
 
+// Predictor names as column heads: each centred over a mean and a p95 column.
+std::string heads(const std::vector<std::string>& names) {
+    std::string line;
+    for (const std::string& name : names) {
+        const std::string cut = name.substr(0, 17);
+        const std::size_t pad = 18 - cut.size();
+        line += std::string(pad - pad / 2, ' ') + cut + std::string(pad / 2, ' ');
+    }
+    return line;
+}
+
+DistributionSummary missing() {
+    const double none = std::nan("");
+    return {0, none, none, none};
+}
+
+std::string pair(const DistributionSummary& d) { return number(d.mean, 9, 3) + number(d.p95, 9, 3); }
+
+std::string meanP95(std::size_t columns) {
+    std::string line;
+    for (std::size_t i = 0; i < columns; ++i) {
+        line += "     mean      p95";
+    }
+    return line;
+}
+
 // The file name, cut from the front to fit a column.
 std::string shortName(const std::string& path, std::size_t width) {
     std::string name = path.substr(path.find_last_of('/') == std::string::npos ? 0 : path.find_last_of('/') + 1);
@@ -100,6 +126,42 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
             << "\n";
     }
 
+    const std::vector<const peers::PredictorKind*> tuned = s.tunedPredictors();
+    if (!tuned.empty()) {
+        std::vector<std::string> names = {"model"};
+        for (const peers::PredictorKind* kind : tuned) {
+            names.push_back(kind->label);
+        }
+        out << "\nTuned peers by horizon, mm, the same points with the model's drops charged; parameters tuned for\n"
+               "each recording's rate ("
+            << s.peerFile << ")\n"
+            << std::string(20, ' ') << heads(names) << "\n";
+        out << "  horizon    points" << meanP95(names.size()) << "\n";
+        for (const HorizonSummary& h : s.horizons) {
+            out << horizonLabel(h.ms) << count(h.charged.count, 10) << pair(h.charged.model);
+            for (std::size_t i = 0; i < tuned.size(); ++i) {
+                out << (i < h.charged.peers.size() ? pair(h.charged.peers[i]) : pair(missing()));
+            }
+            out << "\n";
+        }
+    }
+
+    std::vector<std::string> everyone = {"model"};
+    for (const peers::PredictorKind* kind : s.predictors) {
+        everyone.push_back(kind->label);
+    }
+    out << "\nOvershoot past the lift, mm: how far points due after the stroke's last sample land beyond it\n"
+           "along the stroke's final direction (a dropped point counts 0)\n"
+        << std::string(20, ' ') << heads(everyone) << "\n";
+    out << "  horizon    points" << meanP95(everyone.size()) << "\n";
+    for (const HorizonSummary& h : s.horizons) {
+        out << horizonLabel(h.ms) << count(h.overshoot.count, 10) << pair(h.overshoot.model);
+        for (std::size_t i = 0; i < s.predictors.size(); ++i) {
+            out << (i < h.overshoot.predictors.size() ? pair(h.overshoot.predictors[i]) : pair(missing()));
+        }
+        out << "\n";
+    }
+
     out << "\nPoints dropped by the model   inside a stroke   past stroke end (of all due there)\n";
     for (const HorizonSummary& h : s.horizons) {
         const std::size_t pastEnd = h.droppedPastEnd + h.pastStrokeEnd;
@@ -125,6 +187,25 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
         }
         row("pooled", s.horizons[last]);
         out << "  (macro average: each recording weighs the same)\n";
+        if (!tuned.empty()) {
+            out << "\nPer recording at +" << s.horizons[last].ms << " ms, tuned peers, mean mm, drops charged\n";
+            out << "  recording                       rate Hz  tuned at     model";
+            for (const peers::PredictorKind* kind : tuned) {
+                char head[32];
+                std::snprintf(head, sizeof(head), "%13s", std::string(kind->label).substr(0, 12).c_str());
+                out << head;
+            }
+            out << "\n";
+            for (const RecordingSummary& r : s.recordings) {
+                const HorizonSummary& h = r.horizons[last];
+                out << "  " << shortName(r.path, 28) << number(r.rateHz, 10, 0) << number(r.peerRateHz, 10, 0)
+                    << number(h.charged.model.mean, 10, 3);
+                for (std::size_t i = 0; i < tuned.size(); ++i) {
+                    out << number(i < h.charged.peers.size() ? h.charged.peers[i].mean : std::nan(""), 13, 3);
+                }
+                out << "\n";
+            }
+        }
     }
 
     if (s.library.available) {

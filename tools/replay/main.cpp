@@ -14,6 +14,7 @@
 #include "HtmlReport.h"
 #include "JsonSummary.h"
 #include "LibraryLog.h"
+#include "PeerFile.h"
 #include "PredictionCsv.h"
 #include "PredictionEvaluator.h"
 #include "ProgressLine.h"
@@ -86,12 +87,19 @@ int run(const ReplayOptions& options) {
     const auto jsonOut = openOutput(options.jsonPath);
     const auto predictionsOut = openOutput(options.predictionsPath);
     const auto reportOut = openOutput(options.reportPath);
-    if (predictionsOut) {
-        PredictionCsv::writeHeader(*predictionsOut);
+
+    std::optional<peers::PeerFile> peerFile;
+    const std::string peersPath = options.peersPath.empty() ? peers::peerFileBeside(configPath) : options.peersPath;
+    if (options.peers) {
+        peerFile = peers::PeerFile::load(peersPath);
     }
 
     const Batcher batcher(options.batchSize);
-    PredictionEvaluator evaluator(config.mmPerPixel(), config.predictionStepMs, config.numPredictions);
+    PredictionEvaluator evaluator(config.mmPerPixel(), config.predictionStepMs, config.numPredictions,
+                                  peerFile ? &*peerFile : nullptr, peersPath);
+    if (predictionsOut) {
+        PredictionCsv::writeHeader(*predictionsOut, evaluator.predictors());
+    }
     HtmlReport report(config.predictionStepMs, config.numPredictions);
     // Before the library starts, so that its first line is in the log; destroyed after it stops.
     const LibraryLog libraryLog(options.verbose ? std::string()
