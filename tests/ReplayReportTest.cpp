@@ -86,7 +86,8 @@ TEST(HtmlReportTest, EncodesEveryStrokeAsDeltasWithEachPredictorsGuessWhereThere
 TEST(HtmlReportTest, EveryPredictorHasItsOwnKeyColourAndMarker) {
     std::set<std::string> keys, colours;
     const std::set<std::string> markers = {"dot", "diamond", "square", "triangle", "star"};
-    for (const ReportPredictor& p : reportPredictors()) {
+    EXPECT_EQ(reportPredictors(true).size(), reportPredictors().size() + 4);  // the tuned peers
+    for (const ReportPredictor& p : reportPredictors(true)) {
         const std::string key = p.key;
         EXPECT_TRUE(!key.empty() && std::all_of(key.begin(), key.end(), [](char c) { return std::isalpha(c); })) << key;
         EXPECT_TRUE(keys.insert(key).second) << key;

@@ -513,7 +513,12 @@ TEST(CommandLineTest, ParsesOptionsRejectsBadOnesAndExpandsDirectories) {
     EXPECT_EQ(std::make_tuple(options.logPath, options.verbose), std::make_tuple(std::string(), false));
     EXPECT_EQ(CommandLine::parse({"--log=run.log", "a.csv"}).logPath, "run.log");
     EXPECT_TRUE(CommandLine::parse({"--verbose", "a.csv"}).verbose);
+    const ReplayOptions withPeers = CommandLine::parse({"--peers", "--peers-file=p.json", "a.csv"});
+    EXPECT_EQ(std::make_tuple(withPeers.peers, withPeers.peersPath), std::make_tuple(true, std::string("p.json")));
+    EXPECT_EQ(std::make_tuple(options.peers, options.peersPath), std::make_tuple(false, std::string()));
     const std::vector<std::vector<std::string>> bad = {
+        {"--peers-file", "p.json", "a.csv"},  // without --peers
+        {"--peers", "--peers-file=", "a.csv"}, {"--peers=yes", "a.csv"},
         {"a.csv", "--batch-size", "0"}, {"a.csv", "--batch-size", "4x"}, {"a.csv", "--json"}, {"--frobnicate", "a.csv"},
         {"--realtime=1", "a.csv"},      {},
         {"--log", "x.log", "--verbose", "a.csv"},  // the log goes to one place

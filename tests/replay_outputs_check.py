@@ -41,9 +41,10 @@ def check_schema(exe, sample, schema_path):
     with open(schema_path) as f:
         schema = json.load(f)
     jsonschema.Draft202012Validator.check_schema(schema)
+    # With the tuned peers (the shipped peers file beside the shipped configuration) every field is there.
     with tempfile.TemporaryDirectory() as workdir:
         path = os.path.join(workdir, "summary.json")
-        replay(exe, sample, workdir, "--json", path)
+        replay(exe, sample, workdir, "--peers", "--json", path)
         with open(path) as f:
             summary = json.load(f)
     jsonschema.Draft202012Validator(schema).validate(summary)
@@ -57,13 +58,23 @@ def check_schema(exe, sample, schema_path):
         for point_set in ("predicted_by_all", "drops_charged"):
             own = [r["horizons"][h][point_set] for r in recordings]
             assert pooled[point_set]["count"] == sum(s["count"] for s in own) == macro[point_set]["count"]
-            for predictor in ("model", "constant_velocity", "least_squares_3"):
+            for predictor in ["model"] + [p["key"] for p in summary["predictors"]]:
+                assert pooled[point_set][predictor]["count"] == pooled[point_set]["count"], (h, point_set, predictor)
                 means = [s[predictor]["mean_mm"] for s in own if s["count"] > 0]
                 expected = sum(means) / len(means)
                 assert math.isclose(macro[point_set][predictor]["mean_mm"], expected, rel_tol=1e-4), (h, point_set)
+        # Every predictor's overshoot is over the same points, those due past a lift, delivered or dropped.
+        overshoot = pooled["overshoot"]
+        assert overshoot["count"] == pooled["past_stroke_end"] + pooled["dropped_past_end"], h
+        for predictor in ["model"] + [p["key"] for p in summary["predictors"]]:
+            assert overshoot[predictor]["count"] == overshoot["count"], (h, predictor)
         # The charged set adds exactly the drops inside a stroke to the common one.
         assert pooled["drops_charged"]["count"] - pooled["predicted_by_all"]["count"] == pooled["dropped_inside_stroke"]
     assert "two batches later" in summary["library_metrics"]["measures"]
+    assert [p["key"] for p in summary["predictors"] if p["tuned"]] == [
+        "kalman_constant_velocity", "kalman_constant_acceleration", "least_squares_linear", "least_squares_quadratic"]
+    assert summary["peers_file"].endswith("stylus_predictor.peers.json")
+    assert all(r["peers_rate_hz"] == 240 and abs(r["rate_hz"] - 240) < 5 for r in recordings), recordings
     print(f"{len(summary['horizons'])} horizons, {summary['counts']['predictions']} predictions: schema and totals hold")
     return 0
 
@@ -137,7 +148,7 @@ def check_browser(exe, sample_gen, sample):
         strokes = strokes_of(long_recording)
         assert len(strokes) > 50 and sum(strokes[:-1]) > 10000, (len(strokes), sum(strokes))
         page = os.path.join(workdir, "report.html")
-        replay(exe, sample, workdir, "--report", page, recordings=[long_recording, sample])
+        replay(exe, sample, workdir, "--peers", "--report", page, recordings=[long_recording, sample])
         samples = sum(strokes) + sum(strokes_of(sample))
         size = os.path.getsize(page)
         print(f"page: {size} bytes for {samples} samples ({size / samples:.1f} bytes per sample)")

@@ -36,6 +36,11 @@ void append(std::string& list, int64_t value) {
     list += std::to_string(value);
 }
 
+// The tuned peers run for every recording of a replay or for none.
+bool ranPeers(const std::vector<PointResult>& results) {
+    return std::any_of(results.begin(), results.end(), [](const PointResult& r) { return r.guesses.size() > 2; });
+}
+
 }  // namespace
 
 HtmlReport::HtmlReport(int predictionStepMs, int numPredictions)
@@ -66,7 +71,7 @@ std::vector<HtmlReport::EncodedStroke> HtmlReport::encode(const Recording& recor
         }
     }
 
-    const std::vector<ReportPredictor>& predictors = reportPredictors();
+    const std::vector<ReportPredictor>& predictors = reportPredictors(ranPeers(results));
     std::vector<int64_t> previousBase(strokes.size(), 0);
     std::vector<int64_t> guesses;
     for (std::size_t i = 0; i < results.size();) {
@@ -126,6 +131,7 @@ std::vector<HtmlReport::EncodedStroke> HtmlReport::encode(const Recording& recor
 
 void HtmlReport::add(const Recording& recording, const Batching& batching, const std::vector<PointResult>& results) {
     recordings.push_back({recording.path, encode(recording, batching, results, predictionStepMs, numPredictions)});
+    withPeers = withPeers || ranPeers(results);
 }
 
 void HtmlReport::writeData(std::ostream& out) const {
@@ -134,7 +140,7 @@ void HtmlReport::writeData(std::ostream& out) const {
         out << (k > 1 ? "," : "") << k * predictionStepMs;
     }
     out << "],\n\"predictors\": [";
-    const std::vector<ReportPredictor>& predictors = reportPredictors();
+    const std::vector<ReportPredictor>& predictors = reportPredictors(withPeers);
     for (std::size_t p = 0; p < predictors.size(); ++p) {
         out << (p > 0 ? ",\n" : "\n") << "{\"key\": \"" << predictors[p].key << "\", \"name\": \""
             << scriptSafe(jsonEscape(predictors[p].name)) << "\", \"colour\": \"" << predictors[p].colour
@@ -233,7 +239,7 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
     out << "</figure><figure style='width:560px'><figcaption>Where every predictor predicts</figcaption>\n";
     ReportFigures::errorChart(out, summary.horizons, false);
     out << "</figure>\n";
-    ReportFigures::chartLegend(out);
+    ReportFigures::chartLegend(out, !summary.peerFile.empty());
 
     out << "<h2>Latency</h2>\n";
     ReportFigures::histogram(out, totals.modelLatencyUs, "Model latency (modelLatencyUs)");

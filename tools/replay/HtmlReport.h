@@ -35,7 +35,8 @@ public:
     //           the previous batch's (the first from 0), the number of points, then per point a head,
     //           h = (predictorMask * 4 + where) * (numPredictions + 1) + k, followed by the true position
     //           when there is one (where 0 or 2), from the base, and by each predictor's guess whose bit
-    //           is set in predictorMask (bit i: row i of reportPredictors()), from the true position or
+    //           is set in predictorMask (bit i: row i of reportPredictors(with the tuned peers when they
+    //           ran)), from the true position or
     //           else from the base. k: the horizon, 1..numPredictions; where: 0 inside the stroke,
     //           1 past its end, 2 dropped by the model inside it, 3 dropped past its end.
     struct EncodedStroke {
@@ -59,6 +60,7 @@ private:
 
     int predictionStepMs;
     int numPredictions;
+    bool withPeers = false;  // the replay ran the tuned peers: they are drawn and listed too
     std::vector<DrawnRecording> recordings;
 };
 

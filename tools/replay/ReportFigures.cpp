@@ -207,7 +207,9 @@ void ReportFigures::histogram(std::ostream& out, const ErrorStats& stats, const 
 // Grouped bars per horizon: the mean of each predictor, whiskers to the 95th percentile. The legend
 // is HTML below the chart, so that no label can run into another.
 void ReportFigures::errorChart(std::ostream& out, const std::vector<HorizonSummary>& horizons, bool charged) {
-    const std::vector<ReportPredictor>& predictors = reportPredictors();
+    const bool withPeers = std::any_of(horizons.begin(), horizons.end(),
+                                       [](const HorizonSummary& h) { return !h.common.peers.empty(); });
+    const std::vector<ReportPredictor>& predictors = reportPredictors(withPeers);
     std::vector<const HorizonSummary*> rows;
     double dataMax = 0.0;
     for (const HorizonSummary& h : horizons) {
@@ -266,9 +268,9 @@ void ReportFigures::errorChart(std::ostream& out, const std::vector<HorizonSumma
         << "' text-anchor='middle'>prediction horizon</text>\n</svg>\n";
 }
 
-void ReportFigures::chartLegend(std::ostream& out) {
+void ReportFigures::chartLegend(std::ostream& out, bool withPeers) {
     out << "<p class='legend'>";
-    for (const ReportPredictor& p : reportPredictors()) {
+    for (const ReportPredictor& p : reportPredictors(withPeers)) {
         out << "<span><i data-predictor='" << p.key << "' style='background:" << p.colour << "'></i>"
             << escapeHtml(p.name) << "</span>";
     }
@@ -278,7 +280,7 @@ void ReportFigures::chartLegend(std::ostream& out) {
 // Means per horizon for each predictor, the best in bold; the p95 and the number of
 // points in the tooltip.
 void ReportFigures::recordingTable(std::ostream& out, const ReplaySummary& summary, bool charged) {
-    const std::vector<ReportPredictor>& predictors = reportPredictors();
+    const std::vector<ReportPredictor>& predictors = reportPredictors(!summary.peerFile.empty());
     out << "<div class='scroll'><table class='figures'>\n<tr><th rowspan='2'>recording</th><th rowspan='2'>strokes</th>"
            "<th rowspan='2'>points at +"
         << (summary.horizons.empty() ? 0 : summary.horizons.back().ms)

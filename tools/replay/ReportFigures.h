@@ -17,7 +17,7 @@ public:
     // charged: the set with the model's drops charged, else where every predictor predicts.
     static void errorChart(std::ostream& out, const std::vector<HorizonSummary>& horizons, bool charged);
     // Below the charts, in HTML, so that no label can run into another.
-    static void chartLegend(std::ostream& out);
+    static void chartLegend(std::ostream& out, bool withPeers = false);
     // One row per recording, then the macro average and the pooled figures; means per horizon.
     static void recordingTable(std::ostream& out, const ReplaySummary& summary, bool charged);
     static void dropTable(std::ostream& out, const ReplaySummary& summary);

@@ -8,9 +8,35 @@ namespace {
 
 bool finite(double x, double y) { return std::isfinite(x) && std::isfinite(y); }
 
+// The tuned peers' figures and guesses, in the order of the peers table after the two baselines.
+template <std::size_t Peer>
+const DistributionSummary& peerFigures(const PointSetSummary& set) {
+    static const DistributionSummary none{0, std::nan(""), std::nan(""), std::nan("")};
+    return Peer < set.peers.size() ? set.peers[Peer] : none;
+}
+
+template <std::size_t Peer>
+bool peerGuess(const PointResult& point, double& x, double& y) {
+    constexpr std::size_t index = 2 + Peer;
+    if (index >= point.guesses.size() || !point.guesses[index].has) {
+        return false;
+    }
+    x = point.guesses[index].x;
+    y = point.guesses[index].y;
+    return finite(x, y);
+}
+
+std::vector<ReportPredictor> withTunedPeers(std::vector<ReportPredictor> rows) {
+    rows.push_back({"kalmancv", "Kalman CV (tuned)", "KCV", "#2a9d5c", "triangle", peerFigures<0>, peerGuess<0>, true});
+    rows.push_back({"kalmanca", "Kalman CA (tuned)", "KCA", "#b8336a", "star", peerFigures<1>, peerGuess<1>, true});
+    rows.push_back({"lslinear", "LS linear (tuned)", "LSL", "#7b52ab", "triangle", peerFigures<2>, peerGuess<2>, true});
+    rows.push_back({"lsquadratic", "LS quadratic (tuned)", "LSQ", "#a88400", "star", peerFigures<3>, peerGuess<3>, true});
+    return rows;
+}
+
 }  // namespace
 
-const std::vector<ReportPredictor>& reportPredictors() {
+const std::vector<ReportPredictor>& reportPredictors(bool withPeers) {
     // Colours told apart by readers with a red-green deficiency, each darker than the drawing's
     // paper; keep them distinct from the black truth markers.
     static const std::vector<ReportPredictor> rows = {
@@ -37,7 +63,8 @@ const std::vector<ReportPredictor>& reportPredictors() {
              return p.hasBaseline && finite(x, y);
          }},
     };
-    return rows;
+    static const std::vector<ReportPredictor> all = withTunedPeers(rows);
+    return withPeers ? all : rows;
 }
 
 }  // namespace replay

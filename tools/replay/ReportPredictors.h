@@ -19,9 +19,10 @@ struct ReportPredictor {
     const DistributionSummary& (*figures)(const PointSetSummary& set);
     // The predicted point, false when this predictor made none for the point.
     bool (*guess)(const PointResult& point, double& x, double& y);
+    bool tunedPeer = false;  // shown only when the replay ran the tuned peers (--peers)
 };
 
-// In the order they are listed everywhere; the model first.
-const std::vector<ReportPredictor>& reportPredictors();
+// In the order they are listed everywhere; the model first, the tuned peers last and only withPeers.
+const std::vector<ReportPredictor>& reportPredictors(bool withPeers = false);
 
 }  // namespace replay

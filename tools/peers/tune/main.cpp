@@ -162,7 +162,7 @@ int run(const Options& options) {
     for (const std::string& path : replay::CommandLine::expandInputs(options.inputs)) {
         std::vector<peers::SmoothStroke> own = strokesOf(replay::RecordingReader::read(path), file.mmPerPixel);
         strokes.insert(strokes.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
-        file.training.push_back(path);
+        file.training.push_back(std::filesystem::path(path).lexically_normal().string());
     }
     if (strokes.empty()) {
         throw replay::ReplayError("no stroke of two samples or more in the recordings");
