@@ -1312,6 +1312,18 @@ Evaluation only (`eval/`, never used for training or choices):
 Licence caveat: the largest training source (MobileStudio) states no licence and OpenHandWrite
 is GPL-3.0; get a legal opinion before shipping a model trained on them.
 
+### Tuned peers
+
+`stylus_predictor.peers.json` beside the model holds the parameters of the classical predictors that
+`stylus-replay --peers` measures beside it (Kalman filters and least-squares fits; definitions in
+tools/replay/README.md). `stylus-tune-peers` wrote it with its defaults: all 17 training recordings
+(validation writers included: the peers are a yardstick, not a model choice; no evaluation recording),
+each stroke resampled smoothly (cubic Hermite, whole-ms timestamps) to every rate from 100 to 600 Hz in
+steps of 20 (at most 400,000 samples per rate, by keeping every k-th stroke), and each peer's
+parameters searched per rate to minimise the mean over 4-20 ms of its mean error. The file lists the
+recordings, and per rate the tuned and untuned objective. A replay uses the rate nearest each
+recording's own in sample interval. Regenerating takes about 3 CPU minutes.
+
 ## Training
 
 Every training recording is used at its own rate ({native} times) and in {copies} augmented copies:
