@@ -14,7 +14,8 @@
 //
 // Each input starts with a pen-up batch, so that the model state of earlier inputs is reset, and
 // ends by waiting until everything queued has been handled; the running distance error must then be
-// finite. Callbacks read every element they are given and check the counts.
+// finite. Every row recorded must read back as numbers. Callbacks read every element they are given
+// and check the counts.
 #include <atomic>
 #include <cfloat>
 #include <cmath>
@@ -28,6 +29,7 @@
 
 #include "FuzzSupport.h"
 #include "GeneratedModel.h"
+#include "RecordingParse.h"
 #include "StylusStrokePredictor.h"
 
 namespace {
@@ -277,12 +279,30 @@ StylusLibHandle* startPipeline(const std::string& model) {
     return handle;
 }
 
+// Every row the recorder wrote reads back as numbers: it counts, rather than writes, the others.
+void checkRows(const fs::path& file) {
+    const std::string content = fuzzsupport::readFile(file.string());
+    const std::string header = recordingformat::kHeaderLine;
+    if (content.compare(0, header.size(), header) != 0) {
+        __builtin_trap();
+    }
+    for (size_t start = header.size(); start < content.size();) {
+        const size_t end = content.find('\n', start);
+        if (end == std::string::npos ||
+            !recordingformat::parseRow(std::string_view(content).substr(start, end - start)).ok()) {
+            __builtin_trap();
+        }
+        start = end + 1;
+    }
+}
+
 void removeFinishedRecordings() {
     std::error_code ignored;
     for (const char* model : kModels) {
         const fs::path rec = fs::path(fuzzsupport::scratchDir()) / fs::path(model).stem() / "rec";
         for (const auto& entry : fs::directory_iterator(rec, ignored)) {
             if (entry.path().extension() == ".dat") {
+                checkRows(entry.path());
                 fs::remove(entry.path(), ignored);
             }
         }
