@@ -682,7 +682,7 @@ def select(base, names, teacher_path=None, src=None):
                                                          ", ".join("%d ms %.3f" % x for x in lost)))
         print("%-14s worst ratio %.3f mean ratio %.3f losing cells %d | threshold %.2f drops %.3f %% "
               "caught %.1f %% | %d training points, %.0f s" % (
-                  name, worst, mean, losing, s["stroke_end_thres"], 100 * drops, 100 * catch, len(tr),
+                  name, worst, mean, losing, s["stroke_end_thres"], 100 * drops, 100 * catch, len(tr.ds),
                   time.time() - t0), flush=True)
 
 
