@@ -33,7 +33,11 @@ WebSocketSession::WebSocketSession(net::ip::tcp::socket&& socket, LiveServer& se
 WebSocketSession::~WebSocketSession() = default;
 
 void WebSocketSession::run(beast::http::request<beast::http::string_body> request) {
-    ws.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    // Pings find a page that vanished without closing (a tablet off the network) and free the
+    // library for the next one; a page that is open but idle answers them and stays.
+    auto timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
+    timeouts.keep_alive_pings = true;
+    ws.set_option(timeouts);
     ws.read_message_max(server.options().maxMessageBytes * hardLimitFactor);
     ws.async_accept(request, [self = shared_from_this()](beast::error_code code) { self->onAccept(code); });
 }
