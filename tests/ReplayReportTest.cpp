@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <numeric>
 #include <set>
@@ -10,6 +11,7 @@
 
 #include "Batcher.h"
 #include "HtmlReport.h"
+#include "PackedNumbers.h"
 #include "ReportFigures.h"
 #include "ReportPredictors.h"
 
@@ -60,27 +62,28 @@ TEST(HtmlReportTest, EncodesEveryStrokeAsDeltasWithEachPredictorsGuessWhereThere
 
     const auto strokes = HtmlReport::encode(recording, batching, results, 4, 2);
     ASSERT_EQ(strokes.size(), 2u);
+    using Numbers = std::vector<int64_t>;
     const struct {
         std::size_t samples, batches;
-        const char *times, *positions, *points;
+        Numbers times, positions, points;
     } expected[] = {
-        {3, 2, "0,4,4", "10,0,15,5,5,-8", "1,2,85,3,-1,1,1,2,-1,-1,2,32,5,-8,3,4,1,1,64,5,-2,2,-7"},
-        {2, 1, "20,4", "100,50,2,0", "1,1,35,2,0"},
+        {3, 2, {0, 4, 4}, {10, 0, 15, 5, 5, -8}, {1, 2, 85, 3, -1, 1, 1, 2, -1, -1, 2, 32, 5, -8, 3, 4, 1, 1, 64, 5, -2, 2, -7}},
+        {2, 1, {20, 4}, {100, 50, 2, 0}, {1, 1, 35, 2, 0}},
     };
     for (std::size_t s = 0; s < strokes.size(); ++s) {
         SCOPED_TRACE(s);
         EXPECT_EQ(strokes[s].sampleCount, expected[s].samples);
         EXPECT_EQ(strokes[s].batchCount, expected[s].batches);
-        EXPECT_EQ(strokes[s].times, expected[s].times);
-        EXPECT_EQ(strokes[s].samples, expected[s].positions);
-        EXPECT_EQ(strokes[s].batches, expected[s].points);
+        EXPECT_EQ(PackedNumbers::unpack(strokes[s].times), expected[s].times);
+        EXPECT_EQ(PackedNumbers::unpack(strokes[s].samples), expected[s].positions);
+        EXPECT_EQ(PackedNumbers::unpack(strokes[s].batches), expected[s].points);
     }
 
     // A stroke without a prediction is still kept; results of an unknown batch are left out.
     const auto empty = HtmlReport::encode(recording, batching, {point(7, 4, TruthPoint::Where::Inside, true)}, 4, 2);
     ASSERT_EQ(empty.size(), 2u);
-    EXPECT_EQ(std::make_tuple(empty[0].batchCount, empty[0].batches, empty[1].samples),
-              std::make_tuple(std::size_t{0}, std::string(), std::string("100,50,2,0")));
+    EXPECT_EQ(std::make_tuple(empty[0].batchCount, empty[0].batches, PackedNumbers::unpack(empty[1].samples)),
+              std::make_tuple(std::size_t{0}, std::string(), Numbers{100, 50, 2, 0}));
 }
 
 TEST(HtmlReportTest, EveryPredictorHasItsOwnKeyColourAndMarker) {
@@ -95,6 +98,37 @@ TEST(HtmlReportTest, EveryPredictorHasItsOwnKeyColourAndMarker) {
         EXPECT_EQ(markers.count(p.marker), 1u) << p.marker;
     }
     EXPECT_EQ(std::string(reportPredictors().front().key), "model");
+}
+
+// Exact bytes: small magnitudes of either sign in one byte, the rest seven bits a byte, low first.
+TEST(PackedNumbersTest, ZigzagVarintsAndBase64) {
+    const struct {
+        int64_t value;
+        std::string bytes;
+    } cases[] = {
+        {0, std::string(1, '\0')}, {1, "\x02"}, {-1, "\x01"}, {63, "\x7e"}, {-64, "\x7f"},
+        {64, "\x80\x01"}, {-65, "\x81\x01"}, {300, "\xd8\x04"},
+        {INT64_MAX, "\xfe\xff\xff\xff\xff\xff\xff\xff\xff\x01"}, {INT64_MIN, "\xff\xff\xff\xff\xff\xff\xff\xff\xff\x01"},
+    };
+    std::string all;
+    std::vector<int64_t> values;
+    for (const auto& c : cases) {
+        std::string bytes;
+        PackedNumbers::append(bytes, c.value);
+        EXPECT_EQ(bytes, c.bytes) << c.value;
+        all += bytes;
+        values.push_back(c.value);
+    }
+    EXPECT_EQ(PackedNumbers::unpack(all), values);
+    EXPECT_TRUE(PackedNumbers::unpack("").empty());
+
+    const std::pair<std::string, std::string> base64[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xff\x80", "/4A="},
+        {std::string("\0\0\0", 3), "AAAA"}, {"\xfb\xef\xbe", "++++"},
+    };
+    for (const auto& [bytes, text] : base64) {
+        EXPECT_EQ(PackedNumbers::base64(bytes), text);
+    }
 }
 
 // Edges ascending; every value counted once; a tenth of a decade per bin past a tenfold range.

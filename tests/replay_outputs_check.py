@@ -80,18 +80,19 @@ def check_schema(exe, sample, schema_path):
 
 
 def strokes_of(path):
-    """Sample counts of the recording's strokes, cut as the replay cuts them: a pen-down opens one, a
-    pen-up closes one."""
-    counts, open_stroke = [], False
+    """The recording's strokes, cut as the replay cuts them (a pen-down opens one, a pen-up closes one),
+    each a list of (timestamp, x, y)."""
+    strokes, open_stroke = [], False
     with open(path) as f:
         next(f)
         for line in f:
-            tag = int(line.rstrip().split(",")[6])
+            fields = line.rstrip().split(",")
+            tag = int(fields[6])
             if tag == 0 or not open_stroke:
-                counts.append(0)
-            counts[-1] += 1
+                strokes.append([])
+            strokes[-1].append((int(fields[0]), float(fields[1]), float(fields[2])))
             open_stroke = tag != 1
-    return counts
+    return strokes
 
 
 # Run in the page: each chart text's box against its SVG's box (the viewBox as drawn) and against the
@@ -145,15 +146,18 @@ def check_browser(exe, sample_gen, sample):
         # A long recording, far past what one screen of strokes shows, then the shipped sample.
         long_recording = os.path.join(workdir, "long.csv")
         subprocess.run([sample_gen, "--seed", "7", "--words", "60", long_recording], check=True, timeout=60)
-        strokes = strokes_of(long_recording)
+        rows = strokes_of(long_recording)
+        strokes = [len(stroke) for stroke in rows]
         assert len(strokes) > 50 and sum(strokes[:-1]) > 10000, (len(strokes), sum(strokes))
         page = os.path.join(workdir, "report.html")
         replay(exe, sample, workdir, "--peers", "--report", page, recordings=[long_recording, sample])
-        samples = sum(strokes) + sum(strokes_of(sample))
+        samples = sum(strokes) + sum(len(stroke) for stroke in strokes_of(sample))
         size = os.path.getsize(page)
         print(f"page: {size} bytes for {samples} samples ({size / samples:.1f} bytes per sample)")
-        # Every stroke is on the page, so it grows with the samples; no more than a few numbers each.
-        assert size < 80 * samples, size
+        # Every stroke is on the page, so it grows with the samples: a byte or two for each number of a
+        # sample and of each predictor's guess (37.5 bytes per sample with the model, two baselines and
+        # four tuned peers).
+        assert size < 50 * samples, size
 
         options = webdriver.ChromeOptions()
         options.binary_location = CHROMIUM
@@ -163,12 +167,13 @@ def check_browser(exe, sample_gen, sample):
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
         try:
-            return check_page(driver, page, strokes, Select)
+            return check_page(driver, page, rows, Select)
         finally:
             driver.quit()
 
 
-def check_page(driver, page, strokes, Select):
+def check_page(driver, page, rows, Select):
+    strokes = [len(stroke) for stroke in rows]
     def attribute(element, name):
         return driver.execute_script(f"return document.{element}.getAttribute('{name}')")
 
@@ -195,6 +200,14 @@ def check_page(driver, page, strokes, Select):
     expected = f"stroke {len(strokes)} of {len(strokes)}: {strokes[-1]} samples"
     if expected not in info or int(attribute("body", "data-rendered")) == 0:
         failed(f"the last stroke was not drawn: {info!r}, expected {expected!r}")
+
+    # The page's packed numbers decode to the recording's own timestamps and positions (0.1 px steps).
+    decoded = driver.execute_script(f"const s = window.replayStroke(0, {len(strokes) - 1}); return [s.t, s.x, s.y];")
+    first = rows[-1][0][0] - rows[0][0][0]
+    expected_t = [t - rows[-1][0][0] + first for t, _, _ in rows[-1]]
+    if decoded[0] != expected_t or any(abs(a - b) > 0.051 for a, b in zip(decoded[1] + decoded[2],
+                                                                          [x for _, x, _ in rows[-1]] + [y for _, _, y in rows[-1]])):
+        failed(f"the last stroke decodes to {decoded[0][:5]} {decoded[1][:5]} {decoded[2][:5]}, expected {rows[-1][:5]}")
 
     # One colour per predictor: the chart's bars, the drawing's legend and the drawing itself.
     predictors = driver.execute_script(

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "JsonText.h"
+#include "PackedNumbers.h"
 #include "ReportFigures.h"
 #include "ReportPredictors.h"
 #include "ReportScript.h"
@@ -29,12 +30,7 @@ std::string scriptSafe(const std::string& text) {
 
 int64_t quantised(double pixels) { return std::llround(pixels / HtmlReport::positionUnit); }
 
-void append(std::string& list, int64_t value) {
-    if (!list.empty()) {
-        list += ',';
-    }
-    list += std::to_string(value);
-}
+void append(std::string& list, int64_t value) { PackedNumbers::append(list, value); }
 
 // The tuned peers run for every recording of a replay or for none.
 bool ranPeers(const std::vector<PointResult>& results) {
@@ -154,7 +150,8 @@ void HtmlReport::writeData(std::ostream& out) const {
         for (std::size_t s = 0; s < recording.strokes.size(); ++s) {
             const EncodedStroke& stroke = recording.strokes[s];
             out << (s > 0 ? ",\n" : "\n") << "[" << stroke.sampleCount << "," << stroke.batchCount << ",\""
-                << stroke.times << "\",\"" << stroke.samples << "\",\"" << stroke.batches << "\"]";
+                << PackedNumbers::base64(stroke.times) << "\",\"" << PackedNumbers::base64(stroke.samples) << "\",\""
+                << PackedNumbers::base64(stroke.batches) << "\"]";
         }
         out << "]}";
     }

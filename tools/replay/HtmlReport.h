@@ -26,8 +26,8 @@ public:
     // Positions are stored in steps of this many pixels, as whole numbers.
     static constexpr double positionUnit = 0.1;
 
-    // Every stroke is kept, each as three lists of whole numbers in text, "a,b,c", that the page's
-    // script decodes only when the stroke is shown:
+    // Every stroke is kept, each as three lists of whole numbers (PackedNumbers; base64 in the page)
+    // that the page's script decodes only when the stroke is shown:
     //  times:   the samples' timestamps in ms, the first from the recording's first sample, then each
     //           from the one before;
     //  samples: x, y of each sample in position units, the first absolute, then each from the one before;

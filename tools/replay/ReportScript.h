@@ -55,7 +55,23 @@ inline const char* const reportDrawingScript = R"JS(
 
   // One stroke decoded at a time: the page holds every stroke as text.
   let cached = null;
-  function numbers(text) { return text === '' ? [] : text.split(',').map(Number); }
+  // Zigzag varints in base64 (PackedNumbers.h); arithmetic rather than bit operators, which cut at 32 bits.
+  function numbers(text) {
+    const bytes = atob(text), values = [];
+    let value = 0, scale = 1;
+    for (let i = 0; i < bytes.length; i++) {
+      const byte = bytes.charCodeAt(i);
+      value += (byte % 128) * scale;
+      if (byte >= 128) {
+        scale *= 128;
+        continue;
+      }
+      values.push(value % 2 === 1 ? -(value + 1) / 2 : value / 2);
+      value = 0;
+      scale = 1;
+    }
+    return values;
+  }
   function decode(r, s) {
     if (cached && cached.r === r && cached.s === s) return cached.stroke;
     const raw = data.recordings[r].strokes[s];
@@ -98,6 +114,9 @@ inline const char* const reportDrawingScript = R"JS(
     cached = {r: r, s: s, stroke: {t: t, x: x, y: y, batches: batches}};
     return cached.stroke;
   }
+
+  // For tests and the console: a stroke as drawn, positions in pixels.
+  window.replayStroke = (r, s) => decode(r, s);
 
   const view = {zoom: 1, x: null, y: null, toData: null};
   function resetView() { view.zoom = 1; view.x = null; view.y = null; }
