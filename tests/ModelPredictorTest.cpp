@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
@@ -389,10 +391,65 @@ TEST_F(ModelPredictorTest, PredictedPointsAreFiniteAndWithinBoundsOrNotDelivered
             auto predictor = measuredAfterTwoBatches(model);
             Batch absurd = samples(8, 11);
             absurd.rbegin()->second.x_pos = bad;
+            testsupport::LogCapture log(velmar::Verbose);
             ASSERT_TRUE(predictor->predictStylusTouchPoints(absurd, false, out));
             EXPECT_TRUE(out.coordinates.empty());
+            // The drops are reported once: the prefetch decodes the same outputs again, silently.
+            EXPECT_EQ(log.countPrefix("Predicted point out of range, dropped : "), 5);
+            const size_t reported = log.lines().size();
+            predictor->warmUp();
+            predictor->prefetchForNextBatch();
+            predictor->prefetchForNextBatch();
+            EXPECT_EQ(log.lines().size(), reported);
             finishStroke(*predictor);
         }
+    }
+}
+
+// The inference thread warms the model up and prefetches a prediction's data while it waits for a
+// batch: a predictor warmed and prefetched before every batch gives the same predictions, history
+// and metrics as one that is not, down to the saved metrics file.
+TEST_F(ModelPredictorTest, WarmUpAndPrefetchChangeNoPredictionHistoryOrMetric) {
+    for (const char* model : {"ops_n10_p5.tflite", "copy_n10_p5.tflite"}) {
+        SCOPED_TRACE(model);
+        ModelPredictorParams p = makeParams(model, 10, 5);
+        p.stroke_end_thres = 2.0f;  // no point dropped, so every prediction is measured
+        {
+            ModelPredictor plain(p, dir.file("plain.txt"));
+            ModelPredictor warmed(p, dir.file("warmed.txt"));
+            int predicted = 0;
+            for (int b = 0; b < 40; ++b) {
+                SCOPED_TRACE("batch " + std::to_string(b));
+                warmed.warmUp();
+                warmed.prefetchForNextBatch();
+                warmed.prefetchForNextBatch();
+                const bool boundary = b == 25;  // a second stroke
+                PredictedStylusTouchPointsCpp outWarmed;
+                const bool predictedPlain = plain.predictStylusTouchPoints(samples(4 * b, 4 * b + 3), boundary, out);
+                ASSERT_EQ(predictedPlain, warmed.predictStylusTouchPoints(samples(4 * b, 4 * b + 3), boundary, outWarmed));
+                ASSERT_EQ(0, std::memcmp(plain.history().begin(), warmed.history().begin(),
+                                         plain.history().size() * sizeof(*plain.history().begin())));
+                if (predictedPlain) {
+                    ++predicted;
+                    EXPECT_EQ(out.timestamp, outWarmed.timestamp);
+                    ASSERT_EQ(out.coordinates.size(), outWarmed.coordinates.size());
+                    for (size_t i = 0; i < out.coordinates.size(); ++i) {
+                        EXPECT_EQ(std::make_tuple(out.coordinates[i].timestamp, out.coordinates[i].x, out.coordinates[i].y),
+                                  std::make_tuple(outWarmed.coordinates[i].timestamp, outWarmed.coordinates[i].x,
+                                                  outWarmed.coordinates[i].y));
+                    }
+                }
+            }
+            EXPECT_EQ(predicted, 38);  // each stroke predicts once its history is long enough
+            EXPECT_GT(plain.getMetricsEventCount(), 20u);
+            EXPECT_EQ(std::make_tuple(plain.getMetricsEventCount(), plain.getMetricsDistanceError(),
+                                      plain.getMetricsAngleDevError(), plain.getMetricsAreValid()),
+                      std::make_tuple(warmed.getMetricsEventCount(), warmed.getMetricsDistanceError(),
+                                      warmed.getMetricsAngleDevError(), warmed.getMetricsAreValid()));
+        }
+        const std::string saved = testsupport::readFile(dir.file("plain.txt"));
+        EXPECT_FALSE(saved.empty());
+        EXPECT_EQ(saved, testsupport::readFile(dir.file("warmed.txt")));
     }
 }
 
