@@ -192,6 +192,34 @@ TEST(SmoothStrokeTest, ResamplesOnTheCurveWithTimesInWholeMilliseconds) {
     EXPECT_NEAR(stroke.at(0.016).x, 0.256, 1e-12);
     EXPECT_NEAR(stroke.at(-1.0).x, 0.0, 1e-12);
     EXPECT_NEAR(stroke.at(1.0).x, 1.6, 1e-12);
+
+    // As a host reports it: jittered times still whole ms and increasing, within the jitter and the
+    // rounding of the exact time; positions on a 0.1 mm grid within noise of the curve; the same seed
+    // the same samples, another seed others.
+    const peers::SensorConditions conditions{0.02, 1.0, 0.1, 7};
+    const std::vector<peers::StrokeSample> noisy = stroke.resample(240.0, conditions);
+    EXPECT_GE(noisy.size(), 8u);
+    for (std::size_t k = 0; k < noisy.size(); ++k) {
+        SCOPED_TRACE(k);
+        const double ms = noisy[k].t * 1000.0;
+        EXPECT_DOUBLE_EQ(ms, std::round(ms));
+        EXPECT_TRUE(k == 0 || noisy[k].t > noisy[k - 1].t);
+        EXPECT_NEAR(noisy[k].x * 10.0, std::round(noisy[k].x * 10.0), 1e-9);
+        EXPECT_NEAR(noisy[k].y, 7.0, 0.05 + 0.02 * 6);  // half a pixel and six standard deviations
+    }
+    const auto same = stroke.resample(240.0, conditions);
+    ASSERT_EQ(same.size(), noisy.size());
+    for (std::size_t k = 0; k < same.size(); ++k) {
+        EXPECT_EQ(std::make_tuple(same[k].t, same[k].x, same[k].y), std::make_tuple(noisy[k].t, noisy[k].x, noisy[k].y));
+    }
+    peers::SensorConditions other = conditions;
+    other.seed = 8;
+    const auto different = stroke.resample(240.0, other);
+    bool differs = different.size() != noisy.size();
+    for (std::size_t k = 0; !differs && k < noisy.size(); ++k) {
+        differs = different[k].x != noisy[k].x || different[k].y != noisy[k].y || different[k].t != noisy[k].t;
+    }
+    EXPECT_TRUE(differs);
     EXPECT_THROW(peers::SmoothStroke({{0.0, 0, 0}, {0.0, 1, 1}}), std::invalid_argument);
     EXPECT_THROW(peers::SmoothStroke({}), std::invalid_argument);
 }
@@ -205,6 +233,7 @@ peers::PeerFile twoRates() {
     file.mmPerPixel = 0.5;
     file.horizonsMs = {4, 8};
     file.training = {"a.csv", "dir/b \"quoted\".csv"};
+    file.conditions = {0.03, 1.0, 0.25, 99};
     for (const double rate : {100.0, 240.0}) {
         peers::TunedRate tuned;
         tuned.rateHz = rate;
@@ -244,6 +273,9 @@ TEST(PeerFileTest, RoundTripNearestRateAndBadFiles) {
     EXPECT_EQ(file.training, twoRates().training);
     EXPECT_EQ(file.horizonsMs, (std::vector<int>{4, 8}));
     EXPECT_DOUBLE_EQ(file.mmPerPixel, 0.5);
+    EXPECT_EQ(std::make_tuple(file.conditions.noiseMm, file.conditions.jitterMs, file.conditions.pixelMm,
+                              file.conditions.seed),
+              std::make_tuple(0.03, 1.0, 0.25, uint64_t{99}));
     ASSERT_EQ(file.rates.size(), 2u);
     const peers::TunedPeer& kalman = file.rates[1].peers.at("kalman_constant_acceleration");
     EXPECT_EQ(kalman.values, (std::vector<double>{1e8, 1e-4}));
@@ -361,7 +393,20 @@ TEST(PeerTunerTest, TheToolTunesASmallDirectoryBetterThanUntuned) {
     std::filesystem::copy_file(dir.file("train/r3.csv"), dir.file("data/eval/r3.csv"));
     EXPECT_EQ(runTool("--out " + dir.file("x.json") + " " + dir.file("data/eval"), dir.file("log")), 2);
     EXPECT_NE(testsupport::readFile(dir.file("log")).find("evaluation recordings are never tuned on"), std::string::npos);
-    EXPECT_EQ(runTool("--rates 0,100 " + dir.file("train"), dir.file("log")), 2);
+    for (const std::string bad : {"--rates 0,100", "--noise-mm -1", "--jitter-ms x", "--seed -3", "--max-samples 0"}) {
+        EXPECT_EQ(runTool(bad + " --out " + dir.file("x.json") + " " + dir.file("train"), dir.file("log")), 2) << bad;
+    }
+    // Under sensor conditions the file says which.
+    ASSERT_EQ(runTool("--quiet --rates 200 --noise-mm 0.02 --jitter-ms 1 --whole-pixels --seed 5 --max-samples 3000 "
+                      "--config " + std::string(STYLUS_SHIPPED_CONFIG) + " --out " + dir.file("noisy.json") + " " +
+                          dir.file("train"),
+                      dir.file("log")),
+              0)
+        << testsupport::readFile(dir.file("log"));
+    const peers::PeerFile noisy = peers::PeerFile::load(dir.file("noisy.json"));
+    EXPECT_EQ(std::make_tuple(noisy.conditions.noiseMm, noisy.conditions.jitterMs, noisy.conditions.seed),
+              std::make_tuple(0.02, 1.0, uint64_t{5}));
+    EXPECT_NEAR(noisy.conditions.pixelMm, config.mmPerPixel(), 1e-8);
     EXPECT_FALSE(std::filesystem::exists(dir.file("x.json")));
 }
 

@@ -67,6 +67,10 @@ PeerFile PeerFile::load(const std::string& path) {
             throw std::runtime_error(std::string("not a peers file (\"format\" is not \"") + format + "\")");
         }
         file.mmPerPixel = tree.get<double>("mm_per_pixel");
+        file.conditions.noiseMm = tree.get<double>("conditions.noise_mm", 0.0);
+        file.conditions.jitterMs = tree.get<double>("conditions.jitter_ms", 0.0);
+        file.conditions.pixelMm = tree.get<double>("conditions.whole_pixel_mm", 0.0);
+        file.conditions.seed = tree.get<uint64_t>("conditions.seed", 0);
         for (const auto& item : tree.get_child("training")) {
             file.training.push_back(item.second.get_value<std::string>());
         }
@@ -119,6 +123,9 @@ void PeerFile::write(std::ostream& out) const {
     out << "  \"objective\": \"mean over the horizons of the mean distance to the pen, training strokes "
            "resampled smoothly to each rate\",\n";
     out << "  \"mm_per_pixel\": " << real(mmPerPixel) << ",\n";
+    out << "  \"conditions\": {\"noise_mm\": " << real(conditions.noiseMm) << ", \"jitter_ms\": "
+        << real(conditions.jitterMs) << ", \"whole_pixel_mm\": " << real(conditions.pixelMm)
+        << ", \"seed\": " << conditions.seed << "},\n";
     out << "  \"horizons_ms\": [";
     for (std::size_t i = 0; i < horizonsMs.size(); ++i) {
         out << (i > 0 ? ", " : "") << horizonsMs[i];

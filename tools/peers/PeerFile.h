@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "SmoothStroke.h"
+
 namespace peers {
 
 struct TunedPeer {
@@ -29,6 +31,7 @@ struct PeerFile {
     std::vector<std::string> training;  // recordings tuned on
     std::vector<int> horizonsMs;         // the objective's horizons
     double mmPerPixel = 0.0;             // of the training recordings
+    SensorConditions conditions;         // what the resampled strokes were given
     std::vector<TunedRate> rates;        // ascending
 
     // Throws std::runtime_error naming the file when it cannot be read, has another format, or lacks a

@@ -7,8 +7,12 @@
 
 namespace peers {
 
-PeerTuner::PeerTuner(std::vector<SmoothStroke> strokes, std::vector<int> horizonsMs, std::size_t maxSamples)
-    : strokes(std::move(strokes)), horizonsMs(std::move(horizonsMs)), maxSamples(std::max<std::size_t>(1, maxSamples)) {
+PeerTuner::PeerTuner(std::vector<SmoothStroke> strokes, std::vector<int> horizonsMs, std::size_t maxSamples,
+                     SensorConditions conditions)
+    : strokes(std::move(strokes)),
+      horizonsMs(std::move(horizonsMs)),
+      maxSamples(std::max<std::size_t>(1, maxSamples)),
+      conditions(conditions) {
     if (this->horizonsMs.empty()) {
         throw std::invalid_argument("tuning needs at least one horizon");
     }
@@ -25,7 +29,9 @@ PeerTuner::Prepared PeerTuner::prepare(double rateHz) const {
     const std::size_t h = horizonsMs.size();
     for (std::size_t s = 0; s < strokes.size(); s += stride) {
         const SmoothStroke& stroke = strokes[s];
-        std::vector<StrokeSample> samples = stroke.resample(rateHz);
+        SensorConditions own = conditions;
+        own.seed = conditions.seed * 1000003u + s;  // each stroke its own noise, the same at every run
+        std::vector<StrokeSample> samples = stroke.resample(rateHz, own);
         std::vector<double> truth(samples.size() * h * 2, std::numeric_limits<double>::quiet_NaN());
         for (std::size_t i = 0; i < samples.size(); ++i) {
             for (std::size_t k = 0; k < h; ++k) {

@@ -17,7 +17,10 @@ class PeerTuner {
 public:
     // Of the strokes, every k-th is used at a rate, k the smallest keeping the resampled samples at or
     // below maxSamples, so that fast rates do not take much longer than slow ones.
-    PeerTuner(std::vector<SmoothStroke> strokes, std::vector<int> horizonsMs, std::size_t maxSamples);
+    // The truth a guess is measured against is the smooth stroke itself, at the reported time plus
+    // the horizon, whatever noise the conditions add to the samples the peers see.
+    PeerTuner(std::vector<SmoothStroke> strokes, std::vector<int> horizonsMs, std::size_t maxSamples,
+              SensorConditions conditions = {});
 
     // Every tuned peer at rateHz, starting from the better of its untuned values and (when given) the
     // values tuned for a neighbouring rate. One progress line per peer when progress is not null.
@@ -43,6 +46,7 @@ private:
     std::vector<SmoothStroke> strokes;
     std::vector<int> horizonsMs;
     std::size_t maxSamples;
+    SensorConditions conditions;
 };
 
 }  // namespace peers

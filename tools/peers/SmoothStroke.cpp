@@ -61,7 +61,19 @@ StrokeSample SmoothStroke::at(double t) const {
             h00 * a.y + h10 * h * slopeY[i] + h01 * b.y + h11 * h * slopeY[i + 1]};
 }
 
-std::vector<StrokeSample> SmoothStroke::resample(double rateHz) const {
+std::vector<StrokeSample> SmoothStroke::resample(double rateHz, const SensorConditions& conditions) const {
+    // splitmix64: small, and the same sequence on every platform.
+    uint64_t state = conditions.seed;
+    const auto next = [&state]() {
+        uint64_t z = (state += 0x9e3779b97f4a7c15ULL);
+        z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+        z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+        return z ^ (z >> 31);
+    };
+    const auto uniform = [&next]() { return (static_cast<double>(next() >> 11) + 0.5) / 9007199254740992.0; };
+    const auto gaussian = [&uniform]() {
+        return std::sqrt(-2.0 * std::log(uniform())) * std::cos(6.283185307179586 * uniform());
+    };
     std::vector<StrokeSample> out;
     for (long k = 0;; ++k) {
         const double exact = start() + static_cast<double>(k) / rateHz;
@@ -70,7 +82,17 @@ std::vector<StrokeSample> SmoothStroke::resample(double rateHz) const {
         }
         // The pen is where it was at the exact time; the host reports the time in whole ms.
         StrokeSample s = at(exact);
-        s.t = std::round(exact * 1000.0) / 1000.0;
+        double reported = exact * 1000.0;
+        if (!conditions.clean()) {
+            reported += conditions.jitterMs * (2.0 * uniform() - 1.0);
+            s.x += conditions.noiseMm * gaussian();
+            s.y += conditions.noiseMm * gaussian();
+            if (conditions.pixelMm > 0.0) {
+                s.x = std::round(s.x / conditions.pixelMm) * conditions.pixelMm;
+                s.y = std::round(s.y / conditions.pixelMm) * conditions.pixelMm;
+            }
+        }
+        s.t = std::round(reported) / 1000.0;
         if (out.empty() || s.t > out.back().t) {
             out.push_back(s);
         }

@@ -34,6 +34,10 @@ const char* const usage =
     "                      (default models/stylus_predictor.json)\n"
     "  --max-samples N     resampled samples per rate at most, by keeping every k-th stroke\n"
     "                      (default 400000)\n"
+    "  --noise-mm S        Gaussian sensor noise added to the resampled positions (default 0)\n"
+    "  --jitter-ms J       each resampled time off by up to J ms before rounding (default 0)\n"
+    "  --whole-pixels      resampled positions rounded to whole pixels of the configuration\n"
+    "  --seed N            of the noise and jitter (default 1)\n"
     "  --quiet             no progress lines\n"
     "  -h, --help          this text\n"
     "Without recordings, the training directory the build was configured with is used.\n";
@@ -43,6 +47,10 @@ struct Options {
     std::string out;
     std::string config = "models/stylus_predictor.json";
     std::size_t maxSamples = 400000;
+    double noiseMm = 0.0;
+    double jitterMs = 0.0;
+    bool wholePixels = false;
+    uint64_t seed = 1;
     bool quiet = false;
     bool help = false;
     std::vector<std::string> inputs;
@@ -102,6 +110,24 @@ Options parse(const std::vector<std::string>& args) {
                 throw replay::ReplayError("--max-samples needs a whole number of at least 1, not \"" + text + "\"");
             }
             options.maxSamples = static_cast<std::size_t>(n);
+        } else if (arg == "--noise-mm" || arg == "--jitter-ms") {
+            const std::string text = take();
+            char* end = nullptr;
+            const double value = std::strtod(text.c_str(), &end);
+            if (text.empty() || *end != '\0' || !(value >= 0.0 && value <= 100.0)) {
+                throw replay::ReplayError(arg + " needs a number from 0 to 100, not \"" + text + "\"");
+            }
+            (arg == "--noise-mm" ? options.noiseMm : options.jitterMs) = value;
+        } else if (arg == "--whole-pixels") {
+            options.wholePixels = true;
+        } else if (arg == "--seed") {
+            const std::string text = take();
+            char* end = nullptr;
+            const unsigned long long n = std::strtoull(text.c_str(), &end, 10);
+            if (text.empty() || *end != '\0' || text[0] == '-') {
+                throw replay::ReplayError("--seed needs a whole number, not \"" + text + "\"");
+            }
+            options.seed = n;
         } else if (arg == "--quiet") {
             options.quiet = true;
         } else if (arg.size() > 1 && arg[0] == '-') {
@@ -155,6 +181,7 @@ int run(const Options& options) {
     const replay::ReplayConfig config = replay::ReplayConfig::load(options.config);
     peers::PeerFile file;
     file.mmPerPixel = config.mmPerPixel();
+    file.conditions = {options.noiseMm, options.jitterMs, options.wholePixels ? file.mmPerPixel : 0.0, options.seed};
     for (int k = 1; k <= config.numPredictions; ++k) {
         file.horizonsMs.push_back(k * config.predictionStepMs);
     }
@@ -171,7 +198,7 @@ int run(const Options& options) {
         std::cerr << "stylus-tune-peers: " << strokes.size() << " strokes from " << file.training.size()
                   << " recordings, " << options.rates.size() << " rates\n";
     }
-    const peers::PeerTuner tuner(std::move(strokes), file.horizonsMs, options.maxSamples);
+    const peers::PeerTuner tuner(std::move(strokes), file.horizonsMs, options.maxSamples, file.conditions);
     for (std::size_t r = 0; r < options.rates.size(); ++r) {
         if (!options.quiet) {
             std::cerr << "rate " << options.rates[r] << " Hz (" << r + 1 << "/" << options.rates.size() << ")\n";
