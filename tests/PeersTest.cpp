@@ -582,3 +582,36 @@ TEST(OvershootTest, TunedPeersJoinEveryOutput) {
         EXPECT_LT(std::stod(row[at + 2]), 2e-5);
     }
 }
+
+// A recording's rate: steps inside strokes, those over three times the median left out; the pause
+// between strokes is no step.
+TEST(OvershootTest, SamplingRateLeavesOutPausesAndStrokeGaps) {
+    const struct {
+        const char* name;
+        std::vector<uint64_t> times;  // one stroke each, unless tagged apart below
+        double rate;
+    } cases[] = {
+        {"even 5 ms", {0, 5, 10, 15, 20}, 200.0},
+        {"1 and 2 ms", {0, 1, 3, 4, 6, 7, 9}, 1000.0 * 6 / 9},
+        {"a resting pen logged late", {0, 8, 16, 24, 100, 108, 116}, 125.0},
+        {"repeated timestamps", {0, 4, 4, 8, 12}, 250.0},
+        {"one sample", {0}, 0.0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Recording recording;
+        for (std::size_t i = 0; i < c.times.size(); ++i) {
+            recording.samples.push_back(sample(c.times[i], 0, 0, i == 0 ? D : (i + 1 == c.times.size() ? U : M)));
+        }
+        EXPECT_NEAR(samplingRate(recording, Batcher().cut(recording.samples)), c.rate, 1e-9);
+    }
+    // Two strokes 1 s apart at 100 Hz: the pause between them counts for nothing.
+    Recording two;
+    const uint64_t times[] = {0, 10, 20, 1020, 1030, 1040};
+    const int32_t tags[] = {D, M, U, D, M, U};
+    for (std::size_t i = 0; i < 6; ++i) {
+        two.samples.push_back(sample(times[i], 0, 0, tags[i]));
+    }
+    ASSERT_EQ(Batcher().cut(two.samples).strokes.size(), 2u);
+    EXPECT_NEAR(samplingRate(two, Batcher().cut(two.samples)), 100.0, 1e-9);
+}
