@@ -225,6 +225,12 @@ TEST(SharedDirectoryTest, PlantedFilesAreNeverFollowedBlockedOnOrWrittenThrough)
         if (kind != Kind::Directory) {
             EXPECT_EQ(testsupport::readFile(names.at("metrics").first), "0,0,0,0,0");
             EXPECT_EQ(testsupport::readFile(names.at("consent").first), "1");
+            for (const char* role : {"metrics", "consent"}) {
+                struct stat info {};
+                ASSERT_EQ(lstat(names.at(role).first.c_str(), &info), 0);
+                EXPECT_TRUE(S_ISREG(info.st_mode)) << role;
+                EXPECT_EQ(info.st_mode & 0777, 0644u) << role;
+            }
         }
         // The recorder's rows are in a file of its own, under none of the names planted.
         std::vector<std::string> published;
