@@ -26,6 +26,7 @@
 #include "ClientMessage.h"
 #include "JsonValue.h"
 #include "LibraryBatches.h"
+#include "LiveOptions.h"
 #include "ProtocolError.h"
 #include "RateLimiter.h"
 #include "StrokeOrder.h"
@@ -124,6 +125,47 @@ TEST(LiveRateLimiter, TakesABurstThenTheRate) {
     EXPECT_TRUE(limiter.allow(t0 + std::chrono::seconds(60)));
     EXPECT_TRUE(limiter.allow(t0 + std::chrono::seconds(60)));
     EXPECT_FALSE(limiter.allow(t0 + std::chrono::seconds(60)));
+}
+
+TEST(LiveCommandLine, ReadsTheListenAddressAndRefusesBadValues) {
+    struct Good {
+        std::vector<std::string> args;
+        std::string address;
+        unsigned short port;
+    };
+    const Good good[] = {
+        {{}, "127.0.0.1", 8765},
+        {{"--listen", "0.0.0.0:80"}, "0.0.0.0", 80},
+        {{"--listen=[::1]:0"}, "::1", 0},
+        {{"--listen", "192.168.1.5:65535"}, "192.168.1.5", 65535},
+    };
+    for (const Good& g : good) {
+        const auto options = live::LiveCommandLine::parse(g.args, "shipped.json", "replay");
+        EXPECT_EQ(options.address, g.address);
+        EXPECT_EQ(options.port, g.port);
+        EXPECT_EQ(options.configPath, "shipped.json");
+    }
+    struct Bad {
+        std::vector<std::string> args;
+        const char* error;
+    };
+    const Bad bad[] = {
+        {{"--listen", "localhost"}, "--listen: expected ADDR:PORT, not \"localhost\""},
+        {{"--listen", "1.2.3.4:65536"}, "--listen: port must be 0 to 65535, not \"65536\""},
+        {{"--listen", "1.2.3.4:-1"}, "port must be 0 to 65535"},
+        {{"--listen"}, "--listen: missing value"},
+        {{"--max-rate", "0"}, "--max-rate: expected a positive number, not \"0\""},
+        {{"--burst", "many"}, "--burst: expected a positive number"},
+        {{"--port", "1"}, "unknown option \"--port\""},
+    };
+    for (const Bad& b : bad) {
+        try {
+            live::LiveCommandLine::parse(b.args, "", "");
+            ADD_FAILURE() << "accepted " << b.args[0];
+        } catch (const std::invalid_argument& error) {
+            EXPECT_NE(std::string(error.what()).find(b.error), std::string::npos) << error.what();
+        }
+    }
 }
 
 // ---- the server ------------------------------------------------------------------------------
@@ -440,6 +482,17 @@ TEST_F(LiveServerTest, ASecondPageIsRefusedClearlyAndTheFirstDrawsOn) {
     EXPECT_EQ(second.closeCode, 1013);
     first.send(samplesMessage(1, strokeRows(1000, 12)));
     EXPECT_NE(first.readType("predictions"), "");
+    first.ws.close(websocket::close_code::normal);
+
+    // Nothing was recorded: of the three pages' sessions only the open one's directory is left.
+    std::unique_ptr<PageClient> third;
+    const std::string ready = connectWhenFree(server->port, third);
+    ASSERT_NE(ready.find("\"ready\""), std::string::npos) << ready;
+    std::vector<std::string> left;
+    for (boost::filesystem::directory_iterator it(dir.file("rec")), end; it != end; ++it) {
+        left.push_back(it->path().string());
+    }
+    EXPECT_EQ(left, std::vector<std::string>{field(ready, "recording_dir")});
 }
 
 TEST_F(LiveServerTest, APageGoneMidStrokeFreesTheLibraryAndItsRecordingIsFinished) {

@@ -14,6 +14,15 @@ bool sessionExists = false;
 
 }  // namespace
 
+const char* const PredictorSession::busyMessage =
+    "another page is drawing: the library's prediction callback carries no context, so stylus-live serves one "
+    "drawing page at a time; close the other page and reload this one";
+
+bool PredictorSession::inUse() {
+    const std::lock_guard<std::mutex> lock(slotMutex);
+    return sessionExists;
+}
+
 void PredictorSession::onPredictions(const PredictedStylusTouchPoints* predictions) {
     PredictionRecord record;
     record.base = predictions->timestamp;
@@ -31,9 +40,7 @@ PredictorSession::PredictorSession(const std::string& configPath, Sink sink) : s
     {
         const std::lock_guard<std::mutex> lock(slotMutex);
         if (sessionExists) {
-            throw SessionBusy(
-                "another page is drawing: the library's prediction callback carries no context, so stylus-live "
-                "serves one drawing page at a time; close the other page and reload this one");
+            throw SessionBusy(busyMessage);
         }
         sessionExists = true;
         activeSink = &this->sink;

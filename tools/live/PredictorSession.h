@@ -26,6 +26,10 @@ public:
     // start with this configuration.
     PredictorSession(const std::string& configPath, Sink sink);
     ~PredictorSession();
+
+    // Whether a session exists now (checked before making a directory for one that would be refused).
+    static bool inUse();
+    static const char* const busyMessage;
     PredictorSession(const PredictorSession&) = delete;
     PredictorSession& operator=(const PredictorSession&) = delete;
 

@@ -86,4 +86,17 @@ SessionSetup SessionDirectory::create(const std::string& root, const std::string
     return setup;
 }
 
+void SessionDirectory::removeIfUnrecorded(const std::string& directory) {
+    boost::system::error_code code;
+    for (fs::directory_iterator it(directory, code), end; !code && it != end; it.increment(code)) {
+        const std::string name = it->path().filename().string();
+        if (name != "predictor" && name != "data_collect_user_pref") {
+            return;
+        }
+    }
+    if (!code) {
+        fs::remove_all(directory, code);
+    }
+}
+
 }  // namespace live

@@ -22,6 +22,10 @@ public:
     // free-space check made on the session's own file system. Throws std::runtime_error naming the
     // file or directory that could not be read or made.
     static SessionSetup create(const std::string& root, const std::string& baseConfig);
+
+    // Removes a finished session's directory when it holds no recording (nothing but the
+    // configuration and the consent file): pages opened and closed leave nothing behind.
+    static void removeIfUnrecorded(const std::string& directory);
 };
 
 }  // namespace live

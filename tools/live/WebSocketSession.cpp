@@ -55,6 +55,11 @@ void WebSocketSession::onAccept(beast::error_code code) {
 
 void WebSocketSession::startSession() {
     order = StrokeOrder{};
+    setup = SessionSetup{};
+    if (PredictorSession::inUse()) {
+        failAndClose(PredictorSession::busyMessage, websocket::close_code::try_again_later);
+        return;
+    }
     try {
         setup = SessionDirectory::create(server.options().recordingsDir, server.options().configPath);
         const std::weak_ptr<WebSocketSession> weak = weak_from_this();
@@ -67,7 +72,8 @@ void WebSocketSession::startSession() {
             });
         });
     } catch (const SessionBusy& busy) {
-        // The directory made for this page stays empty but for its configuration.
+        SessionDirectory::removeIfUnrecorded(setup.directory);
+        setup = SessionSetup{};
         failAndClose(busy.what(), websocket::close_code::try_again_later);
         return;
     } catch (const std::exception& error) {
@@ -171,12 +177,16 @@ void WebSocketSession::handleFinish() {
     }
     predictor.reset();  // finishes the recording
     FinishedSession finished;
+    const std::string directory = setup.directory;
     finished.name = setup.name;
     finished.recordingDir = setup.directory;
     finished.command = server.reports().command(setup.directory);
     const std::weak_ptr<WebSocketSession> weak = weak_from_this();
     auto executor = ws.get_executor();
-    server.reports().run(setup.directory, [weak, executor, finished](const std::string& problem) {
+    server.reports().run(directory, [weak, executor, finished, directory](const std::string& problem) {
+        if (!problem.empty()) {
+            SessionDirectory::removeIfUnrecorded(directory);
+        }
         net::post(executor, [weak, finished, problem]() mutable {
             if (const auto self = weak.lock()) {
                 finished.problem = problem;
@@ -271,7 +281,10 @@ void WebSocketSession::shutdown() {
 }
 
 void WebSocketSession::release() {
-    predictor.reset();
+    if (predictor) {
+        predictor.reset();
+        SessionDirectory::removeIfUnrecorded(setup.directory);
+    }
     server.remove(this);
 }
 
