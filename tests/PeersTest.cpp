@@ -23,6 +23,7 @@
 #include "PredictionEvaluator.h"
 #include "PredictorTable.h"
 #include "RecordingWriter.h"
+#include "ReportFigures.h"
 #include "ReplayConfig.h"
 #include "ReplaySummary.h"
 #include "SmoothStroke.h"
@@ -470,6 +471,13 @@ TEST(OvershootTest, PerHorizonForTheModelAndEveryPredictor) {
         EXPECT_NEAR(o.predictors[0].mean, e.cvMean, 1e-5);
     }
     EXPECT_NEAR(results[3].overshootMm, 3.5, 1e-9);
+    // The report's table: the model, then least squares (exact on the line, like CV), then CV.
+    std::ostringstream html;
+    ReportFigures::overshootTable(html, summary);
+    EXPECT_NE(html.str().find("<tr><td>+16 ms</td><td>2</td><td title='p95 3.325 mm'>1.750</td>"
+                              "<td title='p95 7.700 mm'>5.000</td><td title='p95 7.700 mm'>5.000</td></tr>"),
+              std::string::npos)
+        << html.str();
 
     // A stroke that never moved 0.2 mm from its lift point has no direction: the distance counts.
     // The last sample only wobbles 0.1 px, so the direction comes from the one before it.

@@ -230,6 +230,11 @@ void HtmlReport::write(std::ostream& out, const ReplaySummary& summary, const Re
     out << "<h2>Points the model dropped (stroke-end head)</h2>\n";
     ReportFigures::dropTable(out, summary);
 
+    out << "<h2>Overshoot past the lift, pooled</h2>\n<p>Mean mm (95th percentile on hover) by which points due "
+           "after their stroke's last sample land beyond it along the stroke's final direction; a point short of "
+           "it, dropped or without a guess counts 0.</p>\n";
+    ReportFigures::overshootTable(out, summary);
+
     out << "<h2>Error by prediction horizon, pooled</h2>\n<figure style='width:560px'><figcaption>Drops charged as "
            "\"no prediction\"</figcaption>\n";
     ReportFigures::errorChart(out, summary.horizons, true);

@@ -347,4 +347,32 @@ void ReportFigures::dropTable(std::ostream& out, const ReplaySummary& summary) {
     out << "</table>\n";
 }
 
+void ReportFigures::overshootTable(std::ostream& out, const ReplaySummary& summary) {
+    const std::vector<ReportPredictor>& predictors = reportPredictors(!summary.peerFile.empty());
+    out << "<div class='scroll'><table class='figures overshoot'>\n<tr><th>horizon</th><th>points past the lift</th>";
+    for (const ReportPredictor& p : predictors) {
+        out << "<th style='color:" << p.colour << "'>" << escapeHtml(p.shortName) << "</th>";
+    }
+    out << "</tr>\n";
+    static const DistributionSummary none{0, std::nan(""), std::nan(""), std::nan("")};
+    for (const HorizonSummary& h : summary.horizons) {
+        out << "<tr><td>+" << h.ms << " ms</td><td>" << h.overshoot.count << "</td>";
+        for (const ReportPredictor& p : predictors) {
+            const DistributionSummary* d = &none;
+            if (p.summaryKey == nullptr) {
+                d = &h.overshoot.model;
+            } else {
+                for (std::size_t i = 0; i < summary.predictors.size() && i < h.overshoot.predictors.size(); ++i) {
+                    if (std::string(summary.predictors[i]->key) == p.summaryKey) {
+                        d = &h.overshoot.predictors[i];
+                    }
+                }
+            }
+            out << "<td title='p95 " << cell(d->p95) << " mm'>" << cell(d->mean) << "</td>";
+        }
+        out << "</tr>\n";
+    }
+    out << "</table></div>\n";
+}
+
 }  // namespace replay

@@ -21,6 +21,8 @@ public:
     // One row per recording, then the macro average and the pooled figures; means per horizon.
     static void recordingTable(std::ostream& out, const ReplaySummary& summary, bool charged);
     static void dropTable(std::ostream& out, const ReplaySummary& summary);
+    // Per horizon, each predictor's mean overshoot past the lift (p95 on hover).
+    static void overshootTable(std::ostream& out, const ReplaySummary& summary);
     static void histogram(std::ostream& out, const ErrorStats& stats, const std::string& title);
 
     // A histogram's bins: counts[i] holds the values in [edges[i], edges[i + 1]), the last bin also

@@ -27,10 +27,14 @@ bool peerGuess(const PointResult& point, double& x, double& y) {
 }
 
 std::vector<ReportPredictor> withTunedPeers(std::vector<ReportPredictor> rows) {
-    rows.push_back({"kalmancv", "Kalman CV (tuned)", "KCV", "#2a9d5c", "triangle", peerFigures<0>, peerGuess<0>, true});
-    rows.push_back({"kalmanca", "Kalman CA (tuned)", "KCA", "#b8336a", "star", peerFigures<1>, peerGuess<1>, true});
-    rows.push_back({"lslinear", "LS linear (tuned)", "LSL", "#7b52ab", "triangle", peerFigures<2>, peerGuess<2>, true});
-    rows.push_back({"lsquadratic", "LS quadratic (tuned)", "LSQ", "#a88400", "star", peerFigures<3>, peerGuess<3>, true});
+    rows.push_back({"kalmancv", "Kalman CV (tuned)", "KCV", "#2a9d5c", "triangle", peerFigures<0>, peerGuess<0>, true,
+                    "kalman_constant_velocity"});
+    rows.push_back({"kalmanca", "Kalman CA (tuned)", "KCA", "#b8336a", "star", peerFigures<1>, peerGuess<1>, true,
+                    "kalman_constant_acceleration"});
+    rows.push_back({"lslinear", "LS linear (tuned)", "LSL", "#7b52ab", "triangle", peerFigures<2>, peerGuess<2>, true,
+                    "least_squares_linear"});
+    rows.push_back({"lsquadratic", "LS quadratic (tuned)", "LSQ", "#a88400", "star", peerFigures<3>, peerGuess<3>, true,
+                    "least_squares_quadratic"});
     return rows;
 }
 
@@ -54,14 +58,16 @@ const std::vector<ReportPredictor>& reportPredictors(bool withPeers) {
              x = p.lsX;
              y = p.lsY;
              return finite(x, y);
-         }},
+         },
+         false, "least_squares_3"},
         {"cv", "constant velocity from the last 2", "CV", "#8a8a8a", "square",
          [](const PointSetSummary& s) -> const DistributionSummary& { return s.constantVelocity; },
          [](const PointResult& p, double& x, double& y) {
              x = p.baselineX;
              y = p.baselineY;
              return p.hasBaseline && finite(x, y);
-         }},
+         },
+         false, "constant_velocity"},
     };
     static const std::vector<ReportPredictor> all = withTunedPeers(rows);
     return withPeers ? all : rows;

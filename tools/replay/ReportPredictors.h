@@ -20,6 +20,8 @@ struct ReportPredictor {
     // The predicted point, false when this predictor made none for the point.
     bool (*guess)(const PointResult& point, double& x, double& y);
     bool tunedPeer = false;  // shown only when the replay ran the tuned peers (--peers)
+    // Its key in ReplaySummary::predictors, where its overshoot is; null for the model.
+    const char* summaryKey = nullptr;
 };
 
 // In the order they are listed everywhere; the model first, the tuned peers last and only withPeers.
