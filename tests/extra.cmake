@@ -88,3 +88,8 @@ if(TARGET PeersTest AND TARGET ReplayCore AND TARGET stylus-tune-peers)
     STYLUS_SHIPPED_CONFIG="${CMAKE_SOURCE_DIR}/models/stylus_predictor.json")
   add_dependencies(PeersTest stylus-tune-peers)
 endif()
+
+# Leave-one-source-out validation: device conditions, the numpy peers on strokes with known
+# answers, overshoot and drop bookkeeping, tuning on the other sources only.
+add_test(NAME TrainingLeaveOneSourceOut
+  COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_loso.py)

@@ -1,0 +1,379 @@
+#!/usr/bin/env python3
+"""Leave-one-source-out validation: the model against the tuned classical peers and the two
+simple baselines, every training source held out in turn.
+
+    /usr/bin/python3 tools/train/loso.py [--model M.tflite] [--config C.json] [--json OUT.json]
+        [--markdown OUT.md] [--rates 100,150,240,400,600] [--seconds 120]
+
+A source is a file-name prefix of the training recordings (wacom_mspro13, wacom_uim,
+openhandwrite_eyepen, openhandwrite_wintab). Each source is brought to every rate the way a
+device would deliver it: strokes interpolated smoothly (cubic) onto the rate's sample times,
+sensor noise added, the host's timestamps jittered and rounded to whole ms and the positions
+rounded to whole pixels. Targets are the pen itself (the smooth path before noise and rounding).
+The peers are tuned per rate on the other sources (pooled points, the mean error over all
+horizons at batches of 1) and scored on the held-out one, on the points where the model predicts.
+
+A cell is source x rate x batch size x horizon; the model loses a cell when its mean error (a
+dropped point charged as no prediction) exceeds the best tuned peer's by more than 2 % or
+0.01 mm, whichever is larger. Overshoot: predicted points whose time lies past the lift, their
+distance from the lift point (a dropped point counts 0).
+"""
+
+import argparse
+import json
+import os
+import sys
+import time
+
+import numpy as np
+
+from evaluate import logit_threshold, tflite_predictor
+from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording, hermite
+from peers import PEERS, parameters
+from targets import build
+
+ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+DATA = os.environ.get("STYLUS_DATA", "/work/shared/data")
+RATES = (100, 150, 240, 400, 600)
+BATCHES = (1, 2, 4, 8)
+NOISE_MM = 0.03
+JITTER_MS = 1.0
+# Pen-down seconds drawn per source: enough strokes for stable means, few enough for two cores.
+SECONDS = 120.0
+LOSE_SHARE, LOSE_MM = 0.02, 0.01
+SIMPLE = ("cv", "ls3")
+
+
+def source_of(path):
+    """Training source of a recording: its file name's first two words."""
+    return "_".join(os.path.basename(path).split("_")[:2])
+
+
+def stroke_slices(rec):
+    """(start, end) of every stroke, pen-down sample to the sample before the next pen-down."""
+    down = np.flatnonzero(rec.tag == PEN_DOWN)
+    return list(zip(down, list(down[1:]) + [len(rec)]))
+
+
+def pick_strokes(recs, rng, seconds):
+    """Strokes drawn at random (recording order kept) until `seconds` of pen-down time, as one
+    recording with each piece shifted past the previous one in time."""
+    pieces = [(r, a, b) for r in recs for a, b in stroke_slices(r) if b - a >= 2]
+    order = rng.permutation(len(pieces))
+    chosen, total = [], 0.0
+    for i in order:
+        r, a, b = pieces[i]
+        chosen.append(i)
+        total += (r.t[b - 1] - r.t[a]) / 1000.0
+        if total >= seconds:
+            break
+    return concat([pieces[i] for i in sorted(chosen)])
+
+
+def concat(pieces):
+    cols = {k: [] for k in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")}
+    offset = 0
+    for r, a, b in pieces:
+        t = r.t[a:b] - r.t[a] + offset
+        cols["t"].append(t)
+        for c in ("x", "y", "pressure", "tilt", "orientation", "tag"):
+            cols[c].append(getattr(r, c)[a:b])
+        offset = int(t[-1]) + 1000
+    return Recording(*(np.concatenate(cols[k]) for k in cols))
+
+
+def condition(rec, rate_hz, rng, noise_mm=NOISE_MM, jitter_ms=JITTER_MS, mm_per_px=25.4 / 213):
+    """(observed, clean) recordings with the same host timestamps: every stroke interpolated
+    (cubic positions, linear pressure, tilt, orientation) onto sample times start + k / rate, the
+    host's timestamp of each sample jittered uniformly by up to jitter_ms and rounded to whole ms
+    (the later of two samples in one ms kept, as the library's point map keeps it); observed
+    positions carry Gaussian noise of noise_mm and are rounded to whole pixels, clean ones do not."""
+    obs = {k: [] for k in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")}
+    clean_x, clean_y = [], []
+    step = 1000.0 / rate_hz
+    for a, b in stroke_slices(rec):
+        t = rec.t[a:b].astype(np.float64)
+        ok = np.concatenate([[True], np.diff(t) > 0])
+        t = t[ok]
+        if len(t) < 2:
+            continue
+        grid = t[0] + np.arange(int(np.floor((t[-1] - t[0]) / step)) + 1) * step
+        stamp = np.round(grid + rng.uniform(-jitter_ms, jitter_ms, len(grid)))
+        stamp = np.maximum.accumulate(stamp)
+        keep = np.concatenate([stamp[1:] > stamp[:-1], [True]])  # the later sample of one ms
+        grid, stamp = grid[keep], stamp[keep]
+        if len(grid) < 2:
+            continue
+        cx = hermite(grid, t, rec.x[a:b].astype(np.float64)[ok])
+        cy = hermite(grid, t, rec.y[a:b].astype(np.float64)[ok])
+        clean_x.append(cx)
+        clean_y.append(cy)
+        sigma = noise_mm / mm_per_px
+        obs["x"].append(np.round(cx + rng.normal(0.0, sigma, len(cx))))
+        obs["y"].append(np.round(cy + rng.normal(0.0, sigma, len(cy))))
+        obs["t"].append(stamp.astype(np.int64))
+        for c in ("pressure", "tilt", "orientation"):
+            obs[c].append(np.interp(grid, t, getattr(rec, c)[a:b].astype(np.float64)[ok]))
+        tag = np.full(len(grid), 2, np.int64)
+        tag[0], tag[-1] = PEN_DOWN, PEN_UP
+        obs["tag"].append(tag)
+    cat = {k: np.concatenate(v) for k, v in obs.items()}
+    observed = Recording(*(cat[k] for k in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")))
+    clean = Recording(cat["t"], np.concatenate(clean_x), np.concatenate(clean_y), cat["pressure"],
+                      cat["tilt"], cat["orientation"], cat["tag"])
+    return observed, clean
+
+
+class Tally:
+    """Sums of one predictor on one data set: errors of in-stroke points per batch size and
+    horizon, overshoot of past-lift points, in-stroke drops."""
+
+    def __init__(self, p, nb):
+        self.err = np.zeros((nb, p))
+        self.n = np.zeros((nb, p))
+        self.over = np.zeros((nb, p))
+        self.past = np.zeros((nb, p))
+        self.dropped = np.zeros((nb, p))
+
+    def add(self, disp, ds, masks, drop=None):
+        """disp [K, P, 2] predicted displacements; drop [K, P] points not shown (None: all shown).
+        A dropped in-stroke point is charged as no prediction (error = the true displacement); a
+        dropped past-lift point overshoots by 0. Past the lift, the target displacement is the
+        lift point's (the truth is held at the stroke's last sample)."""
+        shown = np.ones(ds.valid.shape, bool) if drop is None else ~drop
+        d = np.linalg.norm(np.where(shown[:, :, None], disp, 0.0) - ds.disp, axis=2)
+        over = np.where(shown, d, 0.0)
+        for i, m in enumerate(masks):
+            v, u = ds.valid[m], ~ds.valid[m]
+            self.err[i] += np.where(v, d[m], 0.0).sum(axis=0)
+            self.n[i] += v.sum(axis=0)
+            self.over[i] += np.where(u, over[m], 0.0).sum(axis=0)
+            self.past[i] += u.sum(axis=0)
+            self.dropped[i] += (v & ~shown[m]).sum(axis=0)
+        return self
+
+    def merged(self, other):
+        out = Tally(*self.err.shape[::-1])
+        for f in ("err", "n", "over", "past", "dropped"):
+            setattr(out, f, getattr(self, f) + getattr(other, f))
+        return out
+
+    def mean(self):
+        return self.err / np.maximum(self.n, 1)
+
+    def overshoot(self):
+        return self.over / np.maximum(self.past, 1)
+
+
+def score_source(obs, clean, cfg, model, peers, log):
+    """Tallies of the model, the simple baselines and every peer parameter set on one data set."""
+    p = cfg.num_predictions
+    horizons = cfg.prediction_time_delta_ms * np.arange(1, p + 1)
+    ds = build(obs, cfg, truth=clean)
+    masks = [ds.batch_mask(b) for b in BATCHES]
+    out = {}
+    disp, logit = model(ds.x)
+    out["model"] = Tally(p, len(BATCHES)).add(disp, ds, masks, logit >= logit_threshold(cfg.stroke_end_thres))
+    ds.x = None  # the rows are large and only the model reads them
+    for name in SIMPLE:
+        out[name] = Tally(p, len(BATCHES)).add(getattr(ds, name), ds, masks)
+    t, x, y = obs.t.astype(np.float64), obs.x.astype(np.float64), obs.y.astype(np.float64)
+    mm = float(cfg.mm_per_pixel)
+    for name in peers:
+        grid = {}
+
+        def visit(index, d, grid=grid):
+            grid[index] = Tally(p, len(BATCHES)).add(d, ds, masks)
+        t0 = time.time()
+        PEERS[name][1](t, x, y, ds, horizons, visit, mm)
+        out[name] = grid
+        log("    %s: %d parameter sets, %.1f s" % (name, len(grid), time.time() - t0))
+    return out, len(ds.disp)
+
+
+def tune(tallies, sources, rate, name):
+    """Grid index with the least pooled mean error (mean over horizons, batches of 1)."""
+    keys = list(tallies[(sources[0], rate)][name])
+    best, best_err = None, np.inf
+    for k in keys:
+        err = sum(tallies[(s, rate)][name][k].err[0] for s in sources)
+        n = sum(tallies[(s, rate)][name][k].n[0] for s in sources)
+        e = float(np.mean(err / np.maximum(n, 1)))
+        if e < best_err:
+            best, best_err = k, e
+    return best
+
+
+def loses(model, best):
+    return model - best > max(LOSE_SHARE * best, LOSE_MM)
+
+
+def evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons):
+    """Per held-out source and rate: the peers tuned on the other sources, and the cells."""
+    result = {"cells": [], "tuned": {}}
+    for s in scored:
+        others = [o for o in sources if o != s]
+        for r in rates:
+            t = score_tallies[(s, r)]
+            chosen = {name: tune(tune_tallies, others, r, name) for name in peers}
+            result["tuned"]["%s@%g" % (s, r)] = {n: parameters(n, k) for n, k in chosen.items()}
+            preds = {"model": t["model"], "cv": t["cv"], "ls3": t["ls3"]}
+            preds.update({n: t[n][k] for n, k in chosen.items()})
+            for bi, b in enumerate(BATCHES):
+                for hi, h in enumerate(horizons):
+                    means = {n: float(v.mean()[bi, hi]) for n, v in preds.items()}
+                    over = {n: float(v.overshoot()[bi, hi]) for n, v in preds.items()}
+                    best_peer = min(peers, key=lambda n: means[n])
+                    best_over = min(peers, key=lambda n: over[n])
+                    m = preds["model"]
+                    result["cells"].append({
+                        "source": s, "rate_hz": r, "batch": b, "horizon_ms": int(h),
+                        "points": int(m.n[bi, hi]), "past_lift": int(m.past[bi, hi]),
+                        "mean_mm": means, "overshoot_mm": over,
+                        "best_peer": best_peer, "ratio": means["model"] / means[best_peer],
+                        "loses": loses(means["model"], means[best_peer]),
+                        "best_overshoot_peer": best_over,
+                        "dropped_in_stroke": int(m.dropped[bi, hi])})
+    return result
+
+
+def pooled(result, names, key, select):
+    """Pooled mean of `key` over the chosen cells, weighted by their points."""
+    weight = "points" if key == "mean_mm" else "past_lift"
+    cells = [c for c in result["cells"] if select(c)]
+    w = np.array([c[weight] for c in cells], np.float64)
+    return {n: float(np.sum([c[key][n] for c in cells] * w) / max(w.sum(), 1)) for n in names}
+
+
+LABELS = {"model": "model", "cv": "CV", "ls3": "LS3", "kalman_cv": "Kalman CV", "kalman_ca": "Kalman CA",
+          "ls_linear": "LS line", "ls_quadratic": "LS parabola"}
+
+
+def markdown(result, peers, horizons, model_label="model"):
+    names = ["model"] + list(peers) + list(SIMPLE)
+    cells = result["cells"]
+    lines = []
+    worst = max(cells, key=lambda c: c["ratio"])
+    lost = [c for c in cells if c["loses"]]
+    lines.append("Cells: %d (sources x rates x batch sizes x horizons). The %s loses %d of them (worse than the "
+                 "best tuned peer by more than 2 %% or 0.01 mm); worst cell: %s at %g Hz, batch %d, +%d ms, "
+                 "%s %.3f mm against %s %.3f mm (ratio %.3f)." % (
+                     len(cells), model_label, len(lost), worst["source"], worst["rate_hz"], worst["batch"],
+                     worst["horizon_ms"], model_label, worst["mean_mm"]["model"], LABELS[worst["best_peer"]],
+                     worst["mean_mm"][worst["best_peer"]], worst["ratio"]))
+    lines += ["", "Per held-out source and rate, batches of 4, mean mm at +4 / +12 / +20 ms, and the worst "
+              "model / best-peer ratio over the source's batch sizes and horizons at that rate:", "",
+              "| held out | Hz | " + " | ".join(LABELS[n] for n in names) + " | worst ratio | losing cells |",
+              "|---|---:|" + "---:|" * len(names) + "---:|---:|"]
+    for s in sorted({c["source"] for c in cells}):
+        for r in sorted({c["rate_hz"] for c in cells}):
+            sel = [c for c in cells if c["source"] == s and c["rate_hz"] == r]
+            b4 = {c["horizon_ms"]: c for c in sel if c["batch"] == 4}
+            parts = [" / ".join("%.3f" % b4[h]["mean_mm"][n] for h in (horizons[0], horizons[2], horizons[-1]))
+                     for n in names]
+            lines.append("| %s | %g | %s | %.3f | %d |" % (s, r, " | ".join(parts), max(c["ratio"] for c in sel),
+                                                          sum(c["loses"] for c in sel)))
+    lines += ["", "Pooled over held-out sources, rates and batch sizes, per horizon: mean mm, then overshoot "
+              "(mean distance of past-lift points from the lift point, dropped = 0) and the model's in-stroke drops:",
+              "", "| horizon ms | " + " | ".join("%s mean" % LABELS[n] for n in names) + " | "
+              + " | ".join("%s overshoot" % LABELS[n] for n in names) + " | in-stroke dropped |",
+              "|---:|" + "---:|" * (2 * len(names) + 1)]
+    for h in horizons:
+        sel = lambda c, h=h: c["horizon_ms"] == h
+        m = pooled(result, names, "mean_mm", sel)
+        o = pooled(result, names, "overshoot_mm", sel)
+        hc = [c for c in cells if sel(c)]
+        drops = sum(c["dropped_in_stroke"] for c in hc) / max(sum(c["points"] for c in hc), 1)
+        lines.append("| %d | %s | %s | %.3f %% |" % (h, " | ".join("%.3f" % m[n] for n in names),
+                                                     " | ".join("%.3f" % o[n] for n in names), 100 * drops))
+    lines += ["", "Peer parameters tuned on the other sources (window in samples; Kalman process noise q in "
+              "mm^2/ms^3 or mm^2/ms^5 with measurement noise r = 0.0025 mm^2):", ""]
+    for key, tuned in result["tuned"].items():
+        lines.append("- %s: %s" % (key, "; ".join("%s %s" % (LABELS[n], ", ".join(
+            "%s=%s" % (k, ("%.3g" % v) if isinstance(v, float) else v) for k, v in p.items()))
+            for n, p in tuned.items())))
+    return "\n".join(lines)
+
+
+def training_files(data):
+    d = os.path.join(data, "train")
+    return sorted(os.path.join(d, f) for f in os.listdir(d) if f.endswith(".csv"))
+
+
+def run(model_path, cfg, files, rates, seconds, peers, seed=2025, log=print, score_files=None, fold_models=None):
+    """Tallies of every source at every rate, the peers tuned and the cells. `score_files`, a set
+    of file names: a held-out source is scored only on those of its files (the recordings a model
+    has not trained on; a source with none of them is not scored), while tuning still uses whole
+    sources. `fold_models`: {source: .tflite} for the model trained without that source."""
+    by_source = {}
+    for f in files:
+        by_source.setdefault(source_of(f), []).append(f)
+    sources = sorted(by_source)
+    fold_models = fold_models or {}
+    tune_tallies, score_tallies, points = {}, {}, {}
+    for si, s in enumerate(sources):
+        model = tflite_predictor(fold_models.get(s, model_path), cfg.num_predictions)
+        recs = [Recording.load(f) for f in by_source[s]]
+        base = pick_strokes(recs, np.random.default_rng([seed, si]), seconds)
+        held = None
+        if score_files is not None:
+            mine = [r for f, r in zip(by_source[s], recs) if os.path.basename(f) in score_files]
+            held = pick_strokes(mine, np.random.default_rng([seed, si, 1]), seconds) if mine else False
+        for r in rates:
+            t0 = time.time()
+            obs, clean = condition(base, r, np.random.default_rng([seed, si, int(r)]))
+            tune_tallies[(s, r)], n = score_source(obs, clean, cfg, model, peers, log)
+            if held is None:
+                score_tallies[(s, r)], points[(s, r)] = tune_tallies[(s, r)], n
+            elif held is not False:
+                obs, clean = condition(held, r, np.random.default_rng([seed, si, int(r), 1]))
+                score_tallies[(s, r)], points[(s, r)] = score_source(obs, clean, cfg, model, peers, log)
+            log("  %s @ %g Hz: %d points, %.1f s" % (s, r, points.get((s, r), n), time.time() - t0))
+    horizons = [cfg.prediction_time_delta_ms * (k + 1) for k in range(cfg.num_predictions)]
+    scored = [s for s in sources if (s, rates[0]) in score_tallies]
+    result = evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons)
+    result.update(sources=sources, scored_sources=scored, rates=list(rates), batches=list(BATCHES),
+                  horizons_ms=horizons, seconds_per_source=seconds, noise_mm=NOISE_MM, jitter_ms=JITTER_MS,
+                  score_files=sorted(score_files) if score_files is not None else None,
+                  fold_models=fold_models, points={"%s@%g" % k: v for k, v in points.items()})
+    return result, horizons
+
+
+def main(argv=None):
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--config", default=os.path.join(ROOT, "models", "stylus_predictor.json"))
+    ap.add_argument("--model", default=None, help="default: the config's model_name beside it")
+    ap.add_argument("--data", default=DATA, help="data directory holding train/")
+    ap.add_argument("--rates", default=",".join(str(r) for r in RATES))
+    ap.add_argument("--seconds", type=float, default=SECONDS, help="pen-down seconds drawn per source")
+    ap.add_argument("--peers", default=",".join(PEERS))
+    ap.add_argument("--score-files", default=None,
+                    help="comma-separated file names: score a held-out source only on these of its files")
+    ap.add_argument("--fold-model", action="append", default=[], metavar="SOURCE=MODEL",
+                    help="the model trained without SOURCE, scored when SOURCE is held out")
+    ap.add_argument("--json", default=None)
+    ap.add_argument("--markdown", default=None)
+    args = ap.parse_args(argv)
+    with open(args.config) as f:
+        sec = json.load(f)["PredictionModel"]
+    cfg = FeatureConfig(sec)
+    model = args.model or os.path.join(os.path.dirname(os.path.abspath(args.config)), sec["model_name"])
+    peers = [p for p in args.peers.split(",") if p]
+    rates = [float(r) for r in args.rates.split(",")]
+    score_files = set(args.score_files.split(",")) if args.score_files else None
+    fold_models = dict(a.split("=", 1) for a in args.fold_model)
+    result, horizons = run(model, cfg, training_files(args.data), rates, args.seconds, peers,
+                           log=lambda m: print(m, file=sys.stderr, flush=True), score_files=score_files,
+                           fold_models=fold_models)
+    text = markdown(result, peers, horizons)
+    if args.json:
+        with open(args.json, "w") as f:
+            json.dump(result, f, indent=1)
+    if args.markdown:
+        with open(args.markdown, "w") as f:
+            f.write(text + "\n")
+    print(text)
+
+
+if __name__ == "__main__":
+    main()
