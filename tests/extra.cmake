@@ -93,3 +93,8 @@ endif()
 # answers, overshoot and drop bookkeeping, tuning on the other sources only.
 add_test(NAME TrainingLeaveOneSourceOut
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_loso.py)
+
+# The fast-pen line fallback: the least-squares line of the peers, a gate on the sample gap, and
+# an exported graph that computes both.
+add_test(NAME TrainingFastPenFallback
+  COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_filter_blend.py)

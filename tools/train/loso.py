@@ -165,15 +165,21 @@ class Tally:
         return self.over / np.maximum(self.past, 1)
 
 
-def score_source(obs, clean, cfg, model, peers, log):
-    """Tallies of the model, the simple baselines and every peer parameter set on one data set."""
+def score_source(obs, clean, cfg, model, peers, log, variants=None):
+    """Tallies of the model, the simple baselines and every peer parameter set on one data set.
+    `variants`: {key: function (rows, displacements, stroke-end logits) -> (displacements, drops)}
+    of model variants, tallied under ("variant", key)."""
     p = cfg.num_predictions
     horizons = cfg.prediction_time_delta_ms * np.arange(1, p + 1)
     ds = build(obs, cfg, truth=clean)
     masks = [ds.batch_mask(b) for b in BATCHES]
     out = {}
     disp, logit = model(ds.x)
-    out["model"] = Tally(p, len(BATCHES)).add(disp, ds, masks, logit >= logit_threshold(cfg.stroke_end_thres))
+    drop = logit >= logit_threshold(cfg.stroke_end_thres)
+    out["model"] = Tally(p, len(BATCHES)).add(disp, ds, masks, drop)
+    for key, fn in (variants or {}).items():
+        d, dropped = fn(ds.x, disp, logit)
+        out[("variant", key)] = Tally(p, len(BATCHES)).add(d, ds, masks, dropped)
     ds.x = None  # the rows are large and only the model reads them
     for name in SIMPLE:
         out[name] = Tally(p, len(BATCHES)).add(getattr(ds, name), ds, masks)
@@ -189,6 +195,16 @@ def score_source(obs, clean, cfg, model, peers, log):
         out[name] = grid
         log("    %s: %d parameter sets, %.1f s" % (name, len(grid), time.time() - t0))
     return out, len(ds.disp)
+
+
+def choose_variant(tallies, sources, rates, keys):
+    """The model variant with the least pooled mean error over `sources`, averaged over rates and
+    horizons (batches of 1): one choice for every rate, as one network serves them all."""
+    def err(k):
+        return np.mean([np.mean(sum(tallies[(s, r)][("variant", k)].err[0] for s in sources)
+                                / np.maximum(sum(tallies[(s, r)][("variant", k)].n[0] for s in sources), 1))
+                        for r in rates])
+    return min(keys, key=err)
 
 
 def tune(tallies, sources, rate, name):
@@ -208,8 +224,9 @@ def loses(model, best):
     return model - best > max(LOSE_SHARE * best, LOSE_MM)
 
 
-def evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons):
-    """Per held-out source and rate: the peers tuned on the other sources, and the cells."""
+def evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons, model_keys=None):
+    """Per held-out source and rate: the peers tuned on the other sources, and the cells.
+    `model_keys`: {source: tally key} of the model scored when that source is held out."""
     result = {"cells": [], "tuned": {}}
     for s in scored:
         others = [o for o in sources if o != s]
@@ -217,7 +234,7 @@ def evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizon
             t = score_tallies[(s, r)]
             chosen = {name: tune(tune_tallies, others, r, name) for name in peers}
             result["tuned"]["%s@%g" % (s, r)] = {n: parameters(n, k) for n, k in chosen.items()}
-            preds = {"model": t["model"], "cv": t["cv"], "ls3": t["ls3"]}
+            preds = {"model": t[(model_keys or {}).get(s, "model")], "cv": t["cv"], "ls3": t["ls3"]}
             preds.update({n: t[n][k] for n, k in chosen.items()})
             for bi, b in enumerate(BATCHES):
                 for hi, h in enumerate(horizons):
@@ -286,6 +303,10 @@ def markdown(result, peers, horizons, model_label="model"):
         drops = sum(c["dropped_in_stroke"] for c in hc) / max(sum(c["points"] for c in hc), 1)
         lines.append("| %d | %s | %s | %.3f %% |" % (h, " | ".join("%.3f" % m[n] for n in names),
                                                      " | ".join("%.3f" % o[n] for n in names), 100 * drops))
+    if result.get("variants_chosen"):
+        lines += ["", "Model variant chosen on the other sources for each held-out source, and on all "
+                  "sources: " + "; ".join(
+                      "%s: %s" % (s, tuple(k) if isinstance(k, list) else k) for s, k in result["variants_chosen"].items())]
     lines += ["", "Peer parameters tuned on the other sources (window in samples; Kalman process noise q in "
               "mm^2/ms^3 or mm^2/ms^5 with measurement noise r = 0.0025 mm^2):", ""]
     for key, tuned in result["tuned"].items():
@@ -295,16 +316,78 @@ def markdown(result, peers, horizons, model_label="model"):
     return "\n".join(lines)
 
 
+BLEND_GRID = {"window": (6, 8, 10, 12), "damping": (0.8, 0.9, 1.0), "gap_hi": (3.0, 4.5, 6.0),
+              "gate_max": (0.0, 0.3, 0.5, 0.7)}
+
+
+def blend_variants(cfg):
+    """{(window, damping, gap_hi, gate_max): blended displacements} over BLEND_GRID (gate 0 is
+    the network as it is)."""
+    from filter_blend import Blend
+    out = {}
+    g = BLEND_GRID
+    memo = {"rows": None}
+
+    def parts(x, b):
+        # Bases and gates depend on a part of the parameters only: computed once per data set.
+        if memo["rows"] is not x:
+            memo.clear()
+            memo["rows"], memo["flat"] = x, x.reshape(len(x), -1).astype(np.float64)
+        kb, kg = ("base", b.window, b.damping), ("gate", b.gap_hi, b.gate_max)
+        if kb not in memo:
+            memo[kb] = b.base(cfg, memo["flat"])
+        if kg not in memo:
+            memo[kg] = b.gate(cfg, memo["flat"])
+        return memo[kb], memo[kg]
+    for w in g["window"]:
+        for d in g["damping"]:
+            for hi in g["gap_hi"]:
+                for gm in g["gate_max"]:
+                    if gm == 0.0 and (w, d, hi) != (g["window"][0], g["damping"][0], g["gap_hi"][0]):
+                        continue
+                    b = Blend(w, d, 1.7, hi, gm)
+                    out[(w, d, hi, gm)] = lambda x, disp, logit, b=b: (
+                        b.apply(cfg, x, disp, *parts(x, b)).astype(np.float32),
+                        logit >= logit_threshold(cfg.stroke_end_thres))
+    return out
+
+
+THRESHOLDS = (0.5, 0.6, 0.7, 0.8, 0.85, 0.9, 0.93, 0.95, 0.957, 0.97, 0.98, 0.99, 0.995)
+MAX_DROPS = 0.001
+
+
+def threshold_variants(cfg, blend):
+    """{threshold: the network (blended when `blend` is given) dropping at that threshold}."""
+    out = {}
+    for thres in THRESHOLDS:
+        out[thres] = lambda x, disp, logit, t=thres: (
+            blend.apply(cfg, x, disp).astype(np.float32) if blend else disp, logit >= logit_threshold(t))
+    return out
+
+
+def choose_threshold(tallies, sources, rates, keys):
+    """The lowest threshold whose in-stroke drops, pooled over `sources`, rates, batch sizes and
+    horizons, stay at or below MAX_DROPS (the highest if none does)."""
+    def drops(k):
+        parts = [tallies[(s, r)][("variant", k)] for s in sources for r in rates]
+        return sum(t.dropped.sum() for t in parts) / max(sum(t.n.sum() for t in parts), 1)
+    ok = [k for k in keys if drops(k) <= MAX_DROPS]
+    return min(ok) if ok else max(keys)
+
+
 def training_files(data):
     d = os.path.join(data, "train")
     return sorted(os.path.join(d, f) for f in os.listdir(d) if f.endswith(".csv"))
 
 
-def run(model_path, cfg, files, rates, seconds, peers, seed=2025, log=print, score_files=None, fold_models=None):
+def run(model_path, cfg, files, rates, seconds, peers, seed=2025, log=print, score_files=None, fold_models=None,
+        variants=None, choose=None):
     """Tallies of every source at every rate, the peers tuned and the cells. `score_files`, a set
     of file names: a held-out source is scored only on those of its files (the recordings a model
     has not trained on; a source with none of them is not scored), while tuning still uses whole
-    sources. `fold_models`: {source: .tflite} for the model trained without that source."""
+    sources. `fold_models`: {source: .tflite} for the model trained without that source.
+    `variants`: model variants (see score_source); each held-out source is scored with the one
+    chosen on the other sources (choose_variant), and the one chosen on all sources is reported."""
     by_source = {}
     for f in files:
         by_source.setdefault(source_of(f), []).append(f)
@@ -322,16 +405,23 @@ def run(model_path, cfg, files, rates, seconds, peers, seed=2025, log=print, sco
         for r in rates:
             t0 = time.time()
             obs, clean = condition(base, r, np.random.default_rng([seed, si, int(r)]))
-            tune_tallies[(s, r)], n = score_source(obs, clean, cfg, model, peers, log)
+            tune_tallies[(s, r)], n = score_source(obs, clean, cfg, model, peers, log, variants)
             if held is None:
                 score_tallies[(s, r)], points[(s, r)] = tune_tallies[(s, r)], n
             elif held is not False:
                 obs, clean = condition(held, r, np.random.default_rng([seed, si, int(r), 1]))
-                score_tallies[(s, r)], points[(s, r)] = score_source(obs, clean, cfg, model, peers, log)
+                score_tallies[(s, r)], points[(s, r)] = score_source(obs, clean, cfg, model, peers, log, variants)
             log("  %s @ %g Hz: %d points, %.1f s" % (s, r, points.get((s, r), n), time.time() - t0))
     horizons = [cfg.prediction_time_delta_ms * (k + 1) for k in range(cfg.num_predictions)]
     scored = [s for s in sources if (s, rates[0]) in score_tallies]
-    result = evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons)
+    model_keys, picked = None, {}
+    if variants:
+        choose = choose or choose_variant
+        picked = {s: choose(tune_tallies, [o for o in sources if o != s], rates, list(variants)) for s in scored}
+        model_keys = {s: ("variant", k) for s, k in picked.items()}
+        picked["all sources"] = choose(tune_tallies, sources, rates, list(variants))
+    result = evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons, model_keys)
+    result["variants_chosen"] = {s: list(k) if isinstance(k, tuple) else k for s, k in picked.items()}
     result.update(sources=sources, scored_sources=scored, rates=list(rates), batches=list(BATCHES),
                   horizons_ms=horizons, seconds_per_source=seconds, noise_mm=NOISE_MM, jitter_ms=JITTER_MS,
                   score_files=sorted(score_files) if score_files is not None else None,
@@ -351,6 +441,12 @@ def main(argv=None):
                     help="comma-separated file names: score a held-out source only on these of its files")
     ap.add_argument("--fold-model", action="append", default=[], metavar="SOURCE=MODEL",
                     help="the model trained without SOURCE, scored when SOURCE is held out")
+    ap.add_argument("--blend-search", action="store_true",
+                    help="also score the network with the fast-pen line fallback (filter_blend.py) over its "
+                         "parameter grid, each held-out source with the parameters chosen on the others")
+    ap.add_argument("--threshold-search", default=None, metavar="BLEND",
+                    help="choose the stroke-end threshold on the other sources (the lowest that drops at most "
+                         "0.1 %% of their in-stroke points); BLEND is window,damping,gap_hi,gate_max or 'none'")
     ap.add_argument("--json", default=None)
     ap.add_argument("--markdown", default=None)
     args = ap.parse_args(argv)
@@ -362,9 +458,17 @@ def main(argv=None):
     rates = [float(r) for r in args.rates.split(",")]
     score_files = set(args.score_files.split(",")) if args.score_files else None
     fold_models = dict(a.split("=", 1) for a in args.fold_model)
+    variants = blend_variants(cfg) if args.blend_search else None
+    choose = None
+    if args.threshold_search:
+        from filter_blend import Blend
+        v = args.threshold_search
+        blend = None if v == "none" else Blend(*(float(a) for a in v.split(",")[:2]), 1.7,
+                                               *(float(a) for a in v.split(",")[2:]))
+        variants, choose = threshold_variants(cfg, blend), choose_threshold
     result, horizons = run(model, cfg, training_files(args.data), rates, args.seconds, peers,
                            log=lambda m: print(m, file=sys.stderr, flush=True), score_files=score_files,
-                           fold_models=fold_models)
+                           fold_models=fold_models, variants=variants, choose=choose)
     text = markdown(result, peers, horizons)
     if args.json:
         with open(args.json, "w") as f:
