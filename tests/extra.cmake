@@ -98,3 +98,4 @@ add_test(NAME TrainingLeaveOneSourceOut
 # an exported graph that computes both.
 add_test(NAME TrainingFastPenFallback
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_filter_blend.py)
+set_tests_properties(TrainingLeaveOneSourceOut TrainingFastPenFallback PROPERTIES SKIP_RETURN_CODE 77)

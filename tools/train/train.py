@@ -34,6 +34,14 @@ from features import FEATURES, PEN_DOWN, FeatureConfig, Recording, quantize, rat
 from model import AveragedPredictor, ResidualPredictor, tflite_forward, tflite_operators
 from targets import Dataset, build
 
+
+def export(model, s, path):
+    """The network's .tflite file, with the fast-pen fallback of the settings when they name one."""
+    model.export(path)
+    if s.get("fallback"):
+        from filter_blend import Blend, write_blended
+        write_blended(path, path, FeatureConfig(model_section(s)), Blend(**s["fallback"]))
+
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 DATA = os.environ.get("STYLUS_DATA", "/work/shared/data")
 MODELS = os.path.join(ROOT, "models")
@@ -49,6 +57,9 @@ DEFAULT_VALIDATION = [os.path.join(DATA, "train", f) for f in VALIDATION]
 
 # The shipped settings (chosen with --select on the validation writers).
 SETTINGS = {
+    # The fast-pen line fallback written into the exported file (filter_blend.py; None: none),
+    # chosen on the leave-one-source-out validation of loso.py --blend-search.
+    "fallback": {"window": 10, "damping": 0.8, "gap_lo": 1.7, "gap_hi": 4.5, "gate_max": 0.5},
     "num_historical_points": 16,
     "min_num_historical_points": 3,
     "hidden": [96, 96],
@@ -760,7 +771,7 @@ def main(argv=None):
             json.dump(config_json(s), f, indent=4)
             f.write("\n")
         tfl_path = os.path.join(args.out, "stylus_predictor.tflite")
-        model.export(tfl_path)
+        export(model, s, tfl_path)
         write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets, src)
         return 0
     if args.select is not None:
@@ -829,7 +840,7 @@ def retrain(args, s, src, group):
         with open(cfg_path, "w") as f:
             json.dump(config_json(s), f, indent=4)
             f.write("\n")
-        model.export(tfl_path)
+        export(model, s, tfl_path)
         if args.state:
             torch.save({"settings": s, "states": [m.state_dict() for m in members], "train_s": train_s}, args.state)
         write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets, src,
