@@ -868,6 +868,12 @@ def write_card(model, s, tfl_path, train_s, eval_json=None, replay_validation=No
     ref_d, ref_e = torch_predictor(copy.deepcopy(model).double())(probe.astype(np.float64))
     out0, out1 = tflite_forward(tfl_path, probe)
     f32_d, _ = torch_predictor(model)(probe)
+    if s.get("fallback"):
+        # The file holds the network and its fast-pen fallback: the reference gets the fallback too.
+        from filter_blend import Blend
+        blend = Blend(**s["fallback"])
+        ref_d = blend.apply(cfg, probe, ref_d).reshape(ref_d.shape)
+        f32_d = blend.apply(cfg, probe, f32_d).reshape(f32_d.shape)
     gap = np.abs(out0.reshape(ref_d.shape) - ref_d).max()
     # The library compares the stroke-end probability with its threshold, so that is what must
     # agree; logits run into the hundreds far from a stroke's end and their float32 rounding with them.
