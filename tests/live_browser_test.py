@@ -160,11 +160,18 @@ def main():
 
     started = time.monotonic()
     work = tempfile.mkdtemp(prefix="stylus-live-test-")
-    server = subprocess.Popen([args.server, "--listen", "127.0.0.1:0", "--recordings", os.path.join(work, "rec")],
-                              stdout=subprocess.PIPE, text=True)
+    server_out = os.path.join(work, "server.out")
+    with open(server_out, "w") as out:
+        server = subprocess.Popen([args.server, "--listen", "127.0.0.1:0", "--recordings", os.path.join(work, "rec")],
+                                  stdout=out)
     driver = None
     try:
-        line = server.stdout.readline()
+        deadline = time.monotonic() + 60
+        line = ""
+        while "listening on" not in line and time.monotonic() < deadline and server.poll() is None:
+            time.sleep(0.05)
+            with open(server_out) as out:
+                line = out.readline()
         assert "listening on http://127.0.0.1:" in line, "server said: " + line
         url = line.split("listening on ")[1].split()[0]
 
@@ -218,6 +225,22 @@ def main():
         driver.get(url.rstrip("/") + finished["report"])
         assert "stylus-replay" in driver.page_source
         print("report: " + finished["report"])
+    except BaseException:
+        # What the server, the library and the report saw, for a failure that does not repeat.
+        for path in [server_out, os.path.join(work, "rec", "stylus-live.log")] + \
+                glob.glob(os.path.join(work, "rec", "*", "replay.out")):
+            if os.path.exists(path):
+                with open(path, errors="replace") as f:
+                    print("--- %s (end)\n%s" % (path, f.read()[-4000:]))
+        if driver is not None:
+            try:
+                print("--- page state: %s" % driver.execute_script(
+                    "const s = window.stylusLive; return {errors: s.errors, closed: s.closed, strokes: "
+                    "s.strokes.length, sent: s.sent.length, predictions: s.predictions.length, finished: s.finished}"))
+                print("--- browser log: %s" % driver.get_log("browser"))
+            except Exception as error:  # the browser itself may be what failed
+                print("--- no page state: %s" % error)
+        raise
     finally:
         if driver is not None:
             driver.quit()
