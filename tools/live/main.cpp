@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -44,6 +45,10 @@ int main(int argc, char** argv) {
     if (options.help) {
         std::cout << live::LiveCommandLine::usage;
         return 0;
+    }
+    if (!std::ifstream(options.configPath)) {
+        std::cerr << "stylus-live: " << options.configPath << ": cannot read the predictor configuration" << std::endl;
+        return 1;
     }
     try {
         live::LiveServer server(options);
