@@ -99,3 +99,12 @@ add_test(NAME TrainingLeaveOneSourceOut
 add_test(NAME TrainingFastPenFallback
   COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/test_filter_blend.py)
 set_tests_properties(TrainingLeaveOneSourceOut TrainingFastPenFallback PROPERTIES SKIP_RETURN_CODE 77)
+
+# The validation's numpy peers predict what the replay's peers predict, given the same parameters.
+if(TARGET stylus-replay AND EXISTS ${CMAKE_SOURCE_DIR}/models/stylus_predictor.peers.json)
+  stylus_host_runnable(parity_replay stylus-replay)
+  add_test(NAME TrainingPeersMatchReplayPeers
+    COMMAND /usr/bin/python3 ${CMAKE_SOURCE_DIR}/tools/train/check_peer_parity.py ${parity_replay}
+            ${CMAKE_SOURCE_DIR}/models/stylus_predictor.peers.json)
+  set_tests_properties(TrainingPeersMatchReplayPeers PROPERTIES SKIP_RETURN_CODE 77)
+endif()
