@@ -27,6 +27,8 @@ if(TARGET stylus-replay)
   file(RELATIVE_PATH bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
   set_target_properties(stylus-replay PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
   install(TARGETS stylus-replay RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  # The tuned peers' parameters, found beside the installed configuration by stylus-replay --peers.
+  install(FILES models/stylus_predictor.peers.json DESTINATION ${STYLUS_DATA_DIR} COMPONENT tools)
 endif()
 install(TARGETS stylus-sample-gen RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 

@@ -115,14 +115,17 @@ check_example_host() { # prefix
   done
 }
 
-# The installed stylus-replay runs outside the source tree on the installed shipped configuration.
+# The installed stylus-replay runs outside the source tree on the installed shipped configuration,
+# with the tuned peers installed beside it.
 check_installed_replay() { # prefix
   local prefix=$1 config
-  (cd "$work" && "$prefix/bin/stylus-replay" --quiet --json "$work/replay.json" "$sample" >/dev/null 2>"$work/replay.log") ||
+  (cd "$work" && "$prefix/bin/stylus-replay" --quiet --peers --json "$work/replay.json" "$sample" >/dev/null 2>"$work/replay.log") ||
     { cat "$work/replay.log" >&2; fail "the installed stylus-replay failed"; }
   config=$(sed -n 's/.*"config": *"\([^"]*\)".*/\1/p' "$work/replay.json")
   [ "$config" = "$prefix/share/stylus-predictor/stylus_predictor.json" ] ||
     fail "the installed stylus-replay read $config"
+  grep -q "\"peers_file\": \"$prefix/share/stylus-predictor/stylus_predictor.peers.json\"" "$work/replay.json" ||
+    fail "the installed stylus-replay did not read the installed peers file"
 }
 
 # The three packages into $work/deb; deb_of PACKAGE names the file.

@@ -28,7 +28,7 @@ struct TunedRate {
 struct PeerFile {
     static const char* const format;  // the "format" value written and required
 
-    std::vector<std::string> training;  // recordings tuned on
+    std::vector<std::string> training;  // recordings tuned on, as directory/file
     std::vector<int> horizonsMs;         // the objective's horizons
     double mmPerPixel = 0.0;             // of the training recordings
     SensorConditions conditions;         // what the resampled strokes were given

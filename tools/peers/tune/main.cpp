@@ -189,7 +189,9 @@ int run(const Options& options) {
     for (const std::string& path : replay::CommandLine::expandInputs(options.inputs)) {
         std::vector<peers::SmoothStroke> own = strokesOf(replay::RecordingReader::read(path), file.mmPerPixel);
         strokes.insert(strokes.end(), std::make_move_iterator(own.begin()), std::make_move_iterator(own.end()));
-        file.training.push_back(std::filesystem::path(path).lexically_normal().string());
+        // Named by directory and file only: the file is installed, and no machine's paths belong in it.
+        const std::filesystem::path normal = std::filesystem::path(path).lexically_normal();
+        file.training.push_back((normal.parent_path().filename() / normal.filename()).string());
     }
     if (strokes.empty()) {
         throw replay::ReplayError("no stroke of two samples or more in the recordings");
