@@ -18,12 +18,7 @@ velmar::Config load(const std::string& path) {
 }
 
 std::string loadError(const std::string& path) {
-    try {
-        load(path);
-    } catch (const boost::property_tree::file_parser_error& e) {
-        return e.what();
-    }
-    return "(no error)";
+    return testsupport::thrownText<boost::property_tree::file_parser_error>([&] { load(path); });
 }
 
 TEST(ConfigTest, ReadsDottedKeysFromEachFormatByExtension) {
@@ -59,12 +54,9 @@ TEST(ConfigTest, TypedLookupsConvertOrFallBackToDefault) {
     EXPECT_TRUE(config.get<bool>("PredictionModel.t", false) && config.get<bool>("PredictionModel.one", false));
     EXPECT_FALSE(config.get<bool>("PredictionModel.f", true) || config.get<bool>("PredictionModel.zero", true));
     EXPECT_THROW(config.get<bool>("PredictionModel.yes", false), boost::property_tree::ptree_bad_data);
-    try {
-        config.get<int>("PredictionModel.word", 0);
-        FAIL() << "a word read as int must throw";
-    } catch (const boost::property_tree::ptree_bad_data& e) {
-        EXPECT_NE(std::string(e.what()).find("conversion of data to type"), std::string::npos) << e.what();
-    }
+    const std::string word =
+        testsupport::thrownText<boost::property_tree::ptree_bad_data>([&] { config.get<int>("PredictionModel.word", 0); });
+    EXPECT_NE(word.find("conversion of data to type"), std::string::npos) << word;
 }
 
 TEST(ConfigTest, UnreadableFilesThrowNamingTheFileAndLine) {

@@ -228,14 +228,9 @@ TEST_F(ModelPredictorTest, ModelThatDoesNotFitTheConfigurationIsRefused) {
         ModelPredictorParams p = makeParams(c.model, c.history, 3);
         p.num_predictions = c.predictions;
         testsupport::LogCapture log(velmar::Error);
-        try {
-            make(p);
-            ADD_FAILURE() << "accepted";
-        } catch (const std::runtime_error& e) {
-            const std::string expected = "model " + p.model_path + " does not fit the configuration: " + c.says;
-            EXPECT_EQ(e.what(), expected);
-            EXPECT_TRUE(log.contains(expected));
-        }
+        const std::string expected = "model " + p.model_path + " does not fit the configuration: " + c.says;
+        EXPECT_EQ(testsupport::thrownText<std::runtime_error>([&] { make(p); }), expected);
+        EXPECT_TRUE(log.contains(expected));
     }
 }
 

@@ -527,13 +527,9 @@ TEST_F(PipelineTest, StartupFailuresPropagateNamingWhatToFixAndNullHandleIsIgnor
         SCOPED_TRACE(c.name);
         c.write();
         StylusPredictionParams params{config.c_str(), &onPredictions, nullptr};
-        try {
-            DeInitStylusLib(InitStylusLib(&params));
-            ADD_FAILURE() << "started";
-        } catch (const std::exception& e) {
-            for (const std::string& text : c.mentions) {
-                EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what() << " lacks " << text;
-            }
+        const std::string message = testsupport::thrownText([&] { DeInitStylusLib(InitStylusLib(&params)); });
+        for (const std::string& text : c.mentions) {
+            EXPECT_NE(message.find(text), std::string::npos) << message << " lacks " << text;
         }
     }
 }

@@ -23,6 +23,7 @@ namespace {
 
 using styluspipeline::PredictorParams;
 using testsupport::LogCapture;
+using testsupport::thrownText;
 using Lines = std::vector<std::string>;
 
 // Construction sets the process-wide priority; put back whatever the test binary started with.
@@ -276,12 +277,8 @@ TEST_F(PredictorParamsTest, UnreadKeysAreWarnedAboutAndRepeatedKeysRefused) {
         SCOPED_TRACE(c.name);
         const std::string path = config(c.name, c.text);
         LogCapture log(velmar::Error);
-        try {
-            PredictorParams p(path);
-            ADD_FAILURE() << "accepted";
-        } catch (const boost::property_tree::ptree_bad_data& e) {
-            EXPECT_EQ(e.what(), path + ": " + c.refused);
-        }
+        EXPECT_EQ(thrownText<boost::property_tree::ptree_bad_data>([&] { PredictorParams p(path); }),
+                  path + ": " + c.refused);
         EXPECT_EQ(log.messagesAt(velmar::Error), Lines{path + ": " + c.refused});
     }
     // The INI reader refuses a repeated key itself, naming the line.
@@ -352,32 +349,19 @@ TEST_F(PredictorParamsTest, ValuesThatCannotWorkAreRefusedNamingFileKeyValueAndE
         const std::string path = withRanges(c.keys, c.name);
         LogCapture log(velmar::Error);
         const std::string message = path + ": " + c.refused + ": expected " + c.expected;
-        try {
-            PredictorParams p(path);
-            ADD_FAILURE() << "accepted";
-        } catch (const boost::property_tree::ptree_bad_data& e) {
-            EXPECT_EQ(e.what(), message);
-        }
+        EXPECT_EQ(thrownText<boost::property_tree::ptree_bad_data>([&] { PredictorParams p(path); }), message);
         EXPECT_EQ(log.messagesAt(velmar::Error), Lines{message});
     }
 }
 
 TEST_F(PredictorParamsTest, LeftOutRangesAndMissingFilesAreRefused) {
     const std::string empty = config("empty.json", "{}");
-    try {
-        PredictorParams p(empty);
-        ADD_FAILURE() << "accepted";
-    } catch (const boost::property_tree::ptree_bad_data& e) {
-        EXPECT_EQ(e.what(), empty + ": PredictionModel.feature_timestamp_min = 1 (not set) and "
-                                    "PredictionModel.feature_timestamp_max = 1 (not set): expected the minimum below the maximum");
-    }
+    EXPECT_EQ(thrownText<boost::property_tree::ptree_bad_data>([&] { PredictorParams p(empty); }),
+              empty + ": PredictionModel.feature_timestamp_min = 1 (not set) and "
+                      "PredictionModel.feature_timestamp_max = 1 (not set): expected the minimum below the maximum");
     const std::string missing = dir.file("nothing.json");
-    try {
-        PredictorParams p(missing);
-        FAIL() << "a missing file must throw";
-    } catch (const std::exception& e) {
-        EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
-    }
+    const std::string text = thrownText([&] { PredictorParams p(missing); });
+    EXPECT_NE(text.find(missing), std::string::npos) << text;
 }
 
 }  // namespace

@@ -41,12 +41,7 @@ std::vector<float> ramp(size_t count, float start) {
 }
 
 std::string constructionError(const std::string& path, TALCEngine engine = TALCEngine::Auto) {
-    try {
-        TALCModelRunner runner(path, engine);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(no exception)";
+    return testsupport::thrownText<std::runtime_error>([&] { TALCModelRunner runner(path, engine); });
 }
 
 size_t elements(const talcflow::TALCTensorDetails& details) {

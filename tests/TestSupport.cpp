@@ -43,29 +43,22 @@ std::vector<std::string> LogCapture::messages() const {
     return result;
 }
 
-int LogCapture::count(const std::string& text) const {
+int LogCapture::countIf(const std::function<bool(const std::string&)>& matches) const {
     std::lock_guard<std::mutex> lock(mutex);
-    int n = 0;
-    for (const auto& line : captured) {
-        n += line.message == text ? 1 : 0;
-    }
-    return n;
+    return static_cast<int>(std::count_if(captured.begin(), captured.end(),
+                                          [&](const CapturedLine& line) { return matches(line.message); }));
+}
+
+int LogCapture::count(const std::string& text) const {
+    return countIf([&](const std::string& message) { return message == text; });
 }
 
 int LogCapture::countPrefix(const std::string& prefix) const {
-    std::lock_guard<std::mutex> lock(mutex);
-    int n = 0;
-    for (const auto& line : captured) {
-        n += line.message.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-    }
-    return n;
+    return countIf([&](const std::string& message) { return message.compare(0, prefix.size(), prefix) == 0; });
 }
 
 int LogCapture::countMatching(const std::regex& pattern) const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<int>(std::count_if(captured.begin(), captured.end(), [&](const CapturedLine& line) {
-        return std::regex_match(line.message, pattern);
-    }));
+    return countIf([&](const std::string& message) { return std::regex_match(message, pattern); });
 }
 
 int LogCapture::priorityOf(const std::string& text) const {

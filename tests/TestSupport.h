@@ -5,6 +5,7 @@
 #include <functional>
 #include <mutex>
 #include <regex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,8 @@ public:
     void clear();
 
 private:
+    int countIf(const std::function<bool(const std::string&)>& matches) const;
+
     mutable std::mutex mutex;
     std::vector<CapturedLine> captured;
     int32_t savedPriority;
@@ -54,6 +57,18 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 // Full paths of the directory's entries, sorted (time-stamped names sort in creation order).
 std::vector<std::string> filesIn(const std::string& dir);
+// What the exception of type Exception that run() throws says; "(no exception)" when run() returns.
+// An exception of another type passes through and fails the test.
+template <typename Exception = std::exception, typename Run>
+std::string thrownText(Run run) {
+    try {
+        run();
+    } catch (const Exception& e) {
+        return e.what();
+    }
+    return "(no exception)";
+}
+
 // Polls until reached() holds; false after 30 s, which only keeps a broken build from hanging.
 bool waitUntil(const std::function<bool()>& reached);
 
