@@ -4,6 +4,7 @@ simple baselines, every training source held out in turn.
 
     /usr/bin/python3 tools/train/loso.py [--model M.tflite] [--config C.json] [--json OUT.json]
         [--markdown OUT.md] [--rates 100,150,240,400,600] [--seconds 120]
+        [--speed 4] [--ppi 160] [--compare-fallback 10,0.8,4.5,0.5]
 
 A source is a file-name prefix of the training recordings (wacom_mspro13, wacom_uim,
 openhandwrite_eyepen, openhandwrite_wintab). Each source is brought to every rate the way a
@@ -17,9 +18,16 @@ A cell is source x rate x batch size x horizon; the model loses a cell when its 
 dropped point charged as no prediction) exceeds the best tuned peer's by more than 2 % or
 0.01 mm, whichever is larger. Overshoot: predicted points whose time lies past the lift, their
 distance from the lift point (a dropped point counts 0).
+
+Robustness conditions (the same device treatment after the change): --speed K compresses every
+drawn stroke's time K-fold (a writer K times faster, the same shapes), --ppi P draws the strokes on
+a screen of P pixels per inch (positions rescaled to its pixels, whole-pixel rounding at its pixel
+size, the library configured with pixel_per_inch = P, as an integrator would). The peers are tuned
+on the other sources under the same condition.
 """
 
 import argparse
+import copy
 import json
 import os
 import sys
@@ -82,8 +90,16 @@ def concat(pieces):
     return Recording(*(np.concatenate(cols[k]) for k in cols))
 
 
-def condition(rec, rate_hz, rng, noise_mm=NOISE_MM, jitter_ms=JITTER_MS, mm_per_px=25.4 / 213):
-    """(observed, clean) recordings with the same host timestamps: every stroke interpolated
+def on_screen(rec, ppi, from_ppi=213):
+    """The recording in the pixels of a screen of `ppi` pixels per inch (positions were in pixels
+    of `from_ppi`): the same strokes in mm."""
+    scale = float(ppi) / float(from_ppi)
+    return Recording(rec.t, rec.x * scale, rec.y * scale, rec.pressure, rec.tilt, rec.orientation, rec.tag)
+
+
+def condition(rec, rate_hz, rng, noise_mm=NOISE_MM, jitter_ms=JITTER_MS, mm_per_px=25.4 / 213, speed=1.0):
+    """(observed, clean) recordings with the same host timestamps: every stroke, its time
+    compressed `speed`-fold about the recording's start (a faster writer), interpolated
     (cubic positions, linear pressure, tilt, orientation) onto sample times start + k / rate, the
     host's timestamp of each sample jittered uniformly by up to jitter_ms and rounded to whole ms
     (the later of two samples in one ms kept, as the library's point map keeps it); observed
@@ -92,7 +108,7 @@ def condition(rec, rate_hz, rng, noise_mm=NOISE_MM, jitter_ms=JITTER_MS, mm_per_
     clean_x, clean_y = [], []
     step = 1000.0 / rate_hz
     for a, b in stroke_slices(rec):
-        t = rec.t[a:b].astype(np.float64)
+        t = rec.t[a:b].astype(np.float64) / float(speed)
         ok = np.concatenate([[True], np.diff(t) > 0])
         t = t[ok]
         if len(t) < 2:
@@ -365,6 +381,14 @@ def threshold_variants(cfg, blend):
     return out
 
 
+def compare_variants(cfg, blend):
+    """The network as it is and with the fallback `blend`, both dropping at the configuration's
+    threshold (the fallback leaves the stroke-end logits alone)."""
+    drop = lambda logit: logit >= logit_threshold(cfg.stroke_end_thres)
+    return {"network alone": lambda x, disp, logit: (disp, drop(logit)),
+            "fallback": lambda x, disp, logit: (blend.apply(cfg, x, disp).astype(np.float32), drop(logit))}
+
+
 def choose_threshold(tallies, sources, rates, keys):
     """The lowest threshold whose in-stroke drops, pooled over `sources`, rates, batch sizes and
     horizons, stay at or below MAX_DROPS (the highest if none does)."""
@@ -381,18 +405,24 @@ def training_files(data):
 
 
 def run(model_path, cfg, files, rates, seconds, peers, seed=2025, log=print, score_files=None, fold_models=None,
-        variants=None, choose=None):
+        variants=None, choose=None, speed=1.0, ppi=None, compare=False):
     """Tallies of every source at every rate, the peers tuned and the cells. `score_files`, a set
     of file names: a held-out source is scored only on those of its files (the recordings a model
     has not trained on; a source with none of them is not scored), while tuning still uses whole
     sources. `fold_models`: {source: .tflite} for the model trained without that source.
     `variants`: model variants (see score_source); each held-out source is scored with the one
-    chosen on the other sources (choose_variant), and the one chosen on all sources is reported."""
+    chosen on the other sources (choose_variant), and the one chosen on all sources is reported;
+    with `compare`, every variant is scored as it is instead, result["compared"][key].
+    `speed`, `ppi`: the robustness conditions (module docstring); `seconds` stays the pen-down time
+    drawn before the time is compressed."""
     by_source = {}
     for f in files:
         by_source.setdefault(source_of(f), []).append(f)
     sources = sorted(by_source)
     fold_models = fold_models or {}
+    if ppi is not None:
+        cfg = copy.copy(cfg)
+        from_ppi, cfg.pixel_per_inch = cfg.pixel_per_inch, int(ppi)
     tune_tallies, score_tallies, points = {}, {}, {}
     for si, s in enumerate(sources):
         model = tflite_predictor(fold_models.get(s, model_path), cfg.num_predictions)
@@ -402,30 +432,38 @@ def run(model_path, cfg, files, rates, seconds, peers, seed=2025, log=print, sco
         if score_files is not None:
             mine = [r for f, r in zip(by_source[s], recs) if os.path.basename(f) in score_files]
             held = pick_strokes(mine, np.random.default_rng([seed, si, 1]), seconds) if mine else False
+        if ppi is not None:
+            base = on_screen(base, ppi, from_ppi)
+            held = on_screen(held, ppi, from_ppi) if held else held
+        device = dict(mm_per_px=float(cfg.mm_per_pixel), speed=speed)
         for r in rates:
             t0 = time.time()
-            obs, clean = condition(base, r, np.random.default_rng([seed, si, int(r)]))
+            obs, clean = condition(base, r, np.random.default_rng([seed, si, int(r)]), **device)
             tune_tallies[(s, r)], n = score_source(obs, clean, cfg, model, peers, log, variants)
             if held is None:
                 score_tallies[(s, r)], points[(s, r)] = tune_tallies[(s, r)], n
             elif held is not False:
-                obs, clean = condition(held, r, np.random.default_rng([seed, si, int(r), 1]))
+                obs, clean = condition(held, r, np.random.default_rng([seed, si, int(r), 1]), **device)
                 score_tallies[(s, r)], points[(s, r)] = score_source(obs, clean, cfg, model, peers, log, variants)
             log("  %s @ %g Hz: %d points, %.1f s" % (s, r, points.get((s, r), n), time.time() - t0))
     horizons = [cfg.prediction_time_delta_ms * (k + 1) for k in range(cfg.num_predictions)]
     scored = [s for s in sources if (s, rates[0]) in score_tallies]
     model_keys, picked = None, {}
-    if variants:
+    if variants and compare:
+        result = {"compared": {k: evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons,
+                                           {s: ("variant", k) for s in scored}) for k in variants}}
+    elif variants:
         choose = choose or choose_variant
         picked = {s: choose(tune_tallies, [o for o in sources if o != s], rates, list(variants)) for s in scored}
         model_keys = {s: ("variant", k) for s, k in picked.items()}
         picked["all sources"] = choose(tune_tallies, sources, rates, list(variants))
-    result = evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons, model_keys)
+    if not (variants and compare):
+        result = evaluate(tune_tallies, score_tallies, sources, scored, rates, peers, horizons, model_keys)
     result["variants_chosen"] = {s: list(k) if isinstance(k, tuple) else k for s, k in picked.items()}
     result.update(sources=sources, scored_sources=scored, rates=list(rates), batches=list(BATCHES),
                   horizons_ms=horizons, seconds_per_source=seconds, noise_mm=NOISE_MM, jitter_ms=JITTER_MS,
                   score_files=sorted(score_files) if score_files is not None else None,
-                  fold_models=fold_models, points={"%s@%g" % k: v for k, v in points.items()})
+                  fold_models=fold_models, speed=speed, pixel_per_inch=cfg.pixel_per_inch, points={"%s@%g" % k: v for k, v in points.items()})
     return result, horizons
 
 
@@ -447,6 +485,13 @@ def main(argv=None):
     ap.add_argument("--threshold-search", default=None, metavar="BLEND",
                     help="choose the stroke-end threshold on the other sources (the lowest that drops at most "
                          "0.1 %% of their in-stroke points); BLEND is window,damping,gap_hi,gate_max or 'none'")
+    ap.add_argument("--speed", type=float, default=1.0,
+                    help="robustness: every stroke's time compressed this many times (a faster writer)")
+    ap.add_argument("--ppi", type=int, default=None,
+                    help="robustness: strokes drawn on a screen of this density, the library configured for it")
+    ap.add_argument("--compare-fallback", default=None, metavar="BLEND",
+                    help="score the network as it is and with the fast-pen fallback BLEND "
+                         "(window,damping,gap_hi,gate_max) side by side, at the configuration's threshold")
     ap.add_argument("--json", default=None)
     ap.add_argument("--markdown", default=None)
     args = ap.parse_args(argv)
@@ -466,10 +511,19 @@ def main(argv=None):
         blend = None if v == "none" else Blend(*(float(a) for a in v.split(",")[:2]), 1.7,
                                                *(float(a) for a in v.split(",")[2:]))
         variants, choose = threshold_variants(cfg, blend), choose_threshold
+    if args.compare_fallback:
+        from filter_blend import Blend
+        w, d, hi, gm = (float(a) for a in args.compare_fallback.split(","))
+        variants = compare_variants(cfg, Blend(w, d, 1.7, hi, gm))
     result, horizons = run(model, cfg, training_files(args.data), rates, args.seconds, peers,
                            log=lambda m: print(m, file=sys.stderr, flush=True), score_files=score_files,
-                           fold_models=fold_models, variants=variants, choose=choose)
-    text = markdown(result, peers, horizons)
+                           fold_models=fold_models, variants=variants, choose=choose, speed=args.speed,
+                           ppi=args.ppi, compare=bool(args.compare_fallback))
+    if args.compare_fallback:
+        text = "\n\n".join("## %s\n\n%s" % (k, markdown(dict(result, **r), peers, horizons, k))
+                            for k, r in result["compared"].items())
+    else:
+        text = markdown(result, peers, horizons)
     if args.json:
         with open(args.json, "w") as f:
             json.dump(result, f, indent=1)

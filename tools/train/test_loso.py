@@ -16,7 +16,7 @@ except ImportError:
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording  # noqa: E402
-from loso import Tally, condition, loses, pick_strokes, source_of, tune  # noqa: E402
+from loso import Tally, condition, loses, on_screen, pick_strokes, source_of, tune  # noqa: E402
 from peers import fit_predictions, kalman_predictions  # noqa: E402
 from targets import build  # noqa: E402
 
@@ -78,6 +78,27 @@ class ConditionTest(unittest.TestCase):
         # At 200 Hz without jitter every stamp is the 5 ms grid.
         obs, _ = condition(rec, 200.0, np.random.default_rng(2), noise_mm=0.0, jitter_ms=0.0)
         np.testing.assert_array_equal(np.diff(obs.t[:10]), 5)
+
+    def test_faster_writers_and_other_screen_densities(self):
+        # The same path K times faster: the clean position at stamp s is the path at K * s; on a
+        # screen of another density the positions are the same mm in its whole pixels.
+        t = np.arange(0, 400, 8)
+        f = lambda u: 40 + 0.002 * u * u + 0.3 * u
+        rec = stroke(t, f(t), 0.5 * f(t))
+        for speed, rate, ppi in ((1, 200.0, 213), (2, 250.0, 213), (4, 200.0, 160), (8, 500.0, 320)):
+            mm = 25.4 / ppi
+            screen = on_screen(rec, ppi)
+            np.testing.assert_allclose(screen.x, rec.x * ppi / 213, rtol=1e-6)
+            np.testing.assert_array_equal(screen.t, rec.t)
+            obs, clean = condition(screen, rate, np.random.default_rng(4), noise_mm=0.0, jitter_ms=0.0,
+                                   mm_per_px=mm, speed=speed)
+            step = 1000.0 / rate
+            np.testing.assert_array_equal(obs.t, np.arange(len(obs.t)) * step)
+            self.assertEqual(obs.t[-1], np.floor(392 / speed / step) * step)  # the stroke lasts 392 / K ms
+            np.testing.assert_allclose(clean.x, f(speed * obs.t) * ppi / 213, rtol=1e-5)
+            # Whole pixels of this screen: within half of its pixel of the pen, in mm.
+            np.testing.assert_array_equal(obs.x, np.round(clean.x))
+            self.assertLessEqual(np.max(np.abs(obs.x * mm - f(speed * obs.t) * 25.4 / 213)), 0.5 * mm + 1e-4)
 
     def test_sources_and_stroke_draws(self):
         self.assertEqual(source_of("/d/train/openhandwrite_eyepen_90.csv"), "openhandwrite_eyepen")
