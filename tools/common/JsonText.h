@@ -2,6 +2,7 @@
 // soak's result file).
 #pragma once
 
+#include <cmath>
 #include <cstdio>
 #include <string>
 
@@ -35,4 +36,16 @@ inline std::string jsonEscape(const std::string& value) {
         }
     }
     return escaped;
+}
+
+inline std::string jsonString(const std::string& value) { return "\"" + jsonEscape(value) + "\""; }
+
+// JSON has no NaN or infinity: an unknown figure is null.
+inline std::string jsonNumber(double value, int significantDigits) {
+    if (!std::isfinite(value)) {
+        return "null";
+    }
+    char text[64];
+    std::snprintf(text, sizeof(text), "%.*g", significantDigits, value);
+    return text;
 }

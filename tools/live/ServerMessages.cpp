@@ -8,7 +8,7 @@ namespace live {
 
 namespace {
 
-std::string quoted(const std::string& text) { return "\"" + jsonEscape(text) + "\""; }
+std::string quoted(const std::string& text) { return jsonString(text); }
 
 std::string number(double value) {
     char text[32];

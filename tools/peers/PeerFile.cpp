@@ -8,37 +8,16 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "JsonText.h"
 #include "PredictorTable.h"
 
 namespace peers {
 
 namespace {
 
-std::string real(double value) {
-    if (!std::isfinite(value)) {
-        return "null";
-    }
-    char text[64];
-    std::snprintf(text, sizeof(text), "%.8g", value);
-    return text;
-}
+std::string real(double value) { return jsonNumber(value, 8); }
 
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
+std::string quoted(const std::string& text) { return jsonString(text); }
 
 double optionalReal(const boost::property_tree::ptree& tree, const std::string& key) {
     const auto text = tree.get_optional<std::string>(key);

@@ -9,16 +9,9 @@ namespace replay {
 
 namespace {
 
-std::string real(double value) {
-    if (!std::isfinite(value)) {
-        return "null";
-    }
-    char text[64];
-    std::snprintf(text, sizeof(text), "%.6g", value);
-    return text;
-}
+std::string real(double value) { return jsonNumber(value, 6); }
 
-std::string text(const std::string& value) { return "\"" + jsonEscape(value) + "\""; }
+std::string text(const std::string& value) { return jsonString(value); }
 
 std::string distribution(const DistributionSummary& d) {
     return "{\"count\": " + std::to_string(d.count) + ", \"mean_mm\": " + real(d.mean) +
