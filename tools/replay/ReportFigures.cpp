@@ -62,14 +62,15 @@ void writeYAxis(std::ostream& out, Frame& frame, double dataMax, const std::stri
         << ")' text-anchor='middle'>" << ReportFigures::escapeHtml(label) << "</text>\n";
 }
 
-// An x-axis tick label, moved inwards where it would run over the SVG's edge.
+// An x-axis tick label, moved inwards where it would run over the SVG's edge, and low enough that a
+// tick at the plot's left edge clears the y axis's "0".
 void writeXTick(std::ostream& out, const Frame& frame, double x, const std::string& text) {
     const double half = charWidth * static_cast<double>(text.size()) / 2;
     const double at = std::clamp(x, half + 1, frame.width - half - 1);
     out << "<line x1='" << ReportFigures::number(x) << "' x2='" << ReportFigures::number(x) << "' y1='"
         << ReportFigures::number(frame.y(0)) << "' y2='" << ReportFigures::number(frame.y(0) + 4)
         << "' stroke='#888'/><text x='" << ReportFigures::number(at) << "' y='"
-        << ReportFigures::number(frame.y(0) + 17) << "' text-anchor='middle'>" << text << "</text>\n";
+        << ReportFigures::number(frame.y(0) + 21) << "' text-anchor='middle'>" << text << "</text>\n";
 }
 
 // 1500 -> "1.5k": tick labels of a log axis spanning decades.
