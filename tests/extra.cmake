@@ -83,8 +83,9 @@ endif()
 # The replay's peers: predictors, resampling, the peers file, the tuning tool and the overshoot.
 if(TARGET PeersTest AND TARGET ReplayCore AND TARGET stylus-tune-peers)
   target_link_libraries(PeersTest PRIVATE ReplayCore)
+  stylus_host_runnable(tune_peers stylus-tune-peers)
   target_compile_definitions(PeersTest PRIVATE
-    STYLUS_TUNE_PEERS_EXE="$<TARGET_FILE:stylus-tune-peers>"
+    STYLUS_TUNE_PEERS_EXE="${tune_peers}"
     STYLUS_SHIPPED_CONFIG="${CMAKE_SOURCE_DIR}/models/stylus_predictor.json")
   add_dependencies(PeersTest stylus-tune-peers)
 endif()
