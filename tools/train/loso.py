@@ -41,7 +41,7 @@ from peers import PEERS, parameters
 from targets import build
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-DATA = os.environ.get("STYLUS_DATA", "/work/shared/data")
+DATA = os.environ.get("STYLUS_DATA", os.path.normpath(os.path.join(ROOT, "..", "shared", "data")))
 RATES = (100, 150, 240, 400, 600)
 BATCHES = (1, 2, 4, 8)
 NOISE_MM = 0.03

@@ -43,7 +43,7 @@ def export(model, s, path):
         write_blended(path, path, FeatureConfig(model_section(s)), Blend(**s["fallback"]))
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-DATA = os.environ.get("STYLUS_DATA", "/work/shared/data")
+DATA = os.environ.get("STYLUS_DATA", os.path.normpath(os.path.join(ROOT, "..", "shared", "data")))
 MODELS = os.path.join(ROOT, "models")
 DEFAULT_OUT = os.path.join(ROOT, "build", "retrained")
 # Training processes on one machine: both cores of the machine the shipped model is trained on.
