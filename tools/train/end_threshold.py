@@ -9,13 +9,12 @@ overshoot at +12 to +20 ms. The library drops a point when sigmoid(logit) >= thr
 """
 
 import argparse
-import json
 import os
 
 import numpy as np
 
-from evaluate import logit_threshold, tflite_predictor
-from features import FeatureConfig, Recording
+from evaluate import configured_predictor, logit_threshold
+from features import Recording
 from loso import BATCHES, DATA, RATES, ROOT, SECONDS, THRESHOLDS, Tally, condition, pick_strokes, source_of, \
     training_files
 from targets import build
@@ -32,11 +31,7 @@ def main(argv=None):
     ap.add_argument("--seconds", type=float, default=SECONDS)
     ap.add_argument("--seed", type=int, default=2025)
     args = ap.parse_args(argv)
-    with open(args.config) as f:
-        sec = json.load(f)["PredictionModel"]
-    cfg = FeatureConfig(sec)
-    model = tflite_predictor(args.model or os.path.join(os.path.dirname(os.path.abspath(args.config)),
-                                                        sec["model_name"]), cfg.num_predictions)
+    _, cfg, model = configured_predictor(args.config, args.model)
     files = training_files(args.data)
     sources = sorted({source_of(f) for f in files})
     tallies = {t: Tally(cfg.num_predictions, len(BATCHES)) for t in THRESHOLDS}

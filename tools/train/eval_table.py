@@ -17,8 +17,8 @@ import sys
 
 import numpy as np
 
-from evaluate import logit_threshold, tflite_predictor
-from features import FeatureConfig, Recording
+from evaluate import configured_predictor, logit_threshold
+from features import Recording
 from loso import DATA, LABELS, ROOT, SECONDS, SIMPLE, condition, pick_strokes, score_source, source_of, \
     training_files, tune
 from peers import PEERS, parameters
@@ -86,11 +86,7 @@ def main(argv=None):
     ap.add_argument("--json", default=None)
     ap.add_argument("--markdown", default=None)
     args = ap.parse_args(argv)
-    with open(args.config) as f:
-        sec = json.load(f)["PredictionModel"]
-    cfg = FeatureConfig(sec)
-    model = tflite_predictor(args.model or os.path.join(os.path.dirname(os.path.abspath(args.config)),
-                                                        sec["model_name"]), cfg.num_predictions)
+    _, cfg, model = configured_predictor(args.config, args.model)
     peers = list(PEERS)
     sources = {}
     for f in training_files(args.data):

@@ -42,6 +42,15 @@ def tflite_predictor(tfl_path, p):
     return run
 
 
+def configured_predictor(config_path, model_path=None):
+    """The configuration's PredictionModel section, its features and its model (or model_path's)."""
+    with open(config_path) as f:
+        sec = json.load(f)["PredictionModel"]
+    cfg = FeatureConfig(sec)
+    path = model_path or os.path.join(os.path.dirname(os.path.abspath(config_path)), sec["model_name"])
+    return sec, cfg, tflite_predictor(path, cfg.num_predictions)
+
+
 def logit_threshold(thres):
     """The library drops a point when sigmoid(logit) >= thres."""
     return np.log(thres / (1.0 - thres))
