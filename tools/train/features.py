@@ -186,11 +186,12 @@ def hermite(grid, t, v):
             + (3 * s2 - 2 * s3) * v[i + 1] + (s3 - s2) * h[i] * m[i + 1])
 
 
-def resample(rec, rate_hz, smooth=True):
+def resample(rec, rate_hz, smooth=True, speed=1.0):
     """Every stroke interpolated onto t0 + k / rate, rounded to ms: positions by cubic Hermite
     (linear with smooth=False), pressure, tilt and orientation linearly (no overshoot).
 
-    rate_hz is one rate or one rate per stroke. The first resampled sample keeps
+    rate_hz is one rate or one rate per stroke; so is speed, which first compresses the stroke's
+    time that many times about its pen-down sample (a faster writer drawing the same shape). The first resampled sample keeps
     the pen-down tag and the last one gets the pen-up tag, like the resampled
     copies shipped with the data.
     """
@@ -198,8 +199,10 @@ def resample(rec, rate_hz, smooth=True):
     down = np.flatnonzero(rec.tag == PEN_DOWN)
     ends = list(down[1:]) + [len(rec)]
     rates = np.broadcast_to(np.asarray(rate_hz, dtype=np.float64), (len(down),))
-    for a, b, rate in zip(down, ends, rates):
+    speeds = np.broadcast_to(np.asarray(speed, dtype=np.float64), (len(down),))
+    for a, b, rate, k in zip(down, ends, rates, speeds):
         t = rec.t[a:b].astype(np.float64)
+        t = t[0] + (t - t[0]) / k
         ok = np.concatenate([[True], np.diff(t) > 0])  # interpolation needs rising times
         t = t[ok]
         if len(t) < 2:

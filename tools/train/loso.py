@@ -35,7 +35,7 @@ import time
 
 import numpy as np
 
-from evaluate import logit_threshold, tflite_predictor
+from evaluate import configured_predictor, logit_threshold, tflite_predictor
 from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording, hermite
 from peers import PEERS, parameters
 from targets import build
@@ -381,12 +381,28 @@ def threshold_variants(cfg, blend):
     return out
 
 
-def compare_variants(cfg, blend):
+def compare_variants(cfg, blend, others=()):
     """The network as it is and with the fallback `blend`, both dropping at the configuration's
-    threshold (the fallback leaves the stroke-end logits alone)."""
+    threshold (the fallback leaves the stroke-end logits alone); and every other configuration's
+    model of `others` ((label, config path)) as it ships, at its own threshold, on the same rows."""
     drop = lambda logit: logit >= logit_threshold(cfg.stroke_end_thres)
-    return {"network alone": lambda x, disp, logit: (disp, drop(logit)),
-            "fallback": lambda x, disp, logit: (blend.apply(cfg, x, disp).astype(np.float32), drop(logit))}
+    out = {"network alone": lambda x, disp, logit: (disp, drop(logit)),
+           "fallback": lambda x, disp, logit: (blend.apply(cfg, x, disp).astype(np.float32), drop(logit))}
+    for label, path in others:
+        sec, other_cfg, predict = configured_predictor(path)
+        if rows_settings(other_cfg) != rows_settings(cfg):
+            raise SystemExit("%s builds other input rows than the model scored" % path)
+
+        def run(x, disp, logit, predict=predict, thres=logit_threshold(other_cfg.stroke_end_thres)):
+            d, e = predict(x)
+            return d, e >= thres
+        out[label] = run
+    return out
+
+
+def rows_settings(cfg):
+    """What shapes a configuration's input rows."""
+    return {k: v for k, v in vars(cfg).items() if k not in ("stroke_end_thres", "pixel_per_inch")}
 
 
 def choose_threshold(tallies, sources, rates, keys):
@@ -492,6 +508,8 @@ def main(argv=None):
     ap.add_argument("--compare-fallback", default=None, metavar="BLEND",
                     help="score the network as it is and with the fast-pen fallback BLEND "
                          "(window,damping,gap_hi,gate_max) side by side, at the configuration's threshold")
+    ap.add_argument("--also", action="append", default=[], metavar="LABEL=CONFIG",
+                    help="with --compare-fallback: also score this configuration's model as it ships")
     ap.add_argument("--json", default=None)
     ap.add_argument("--markdown", default=None)
     args = ap.parse_args(argv)
@@ -514,7 +532,7 @@ def main(argv=None):
     if args.compare_fallback:
         from filter_blend import Blend
         w, d, hi, gm = (float(a) for a in args.compare_fallback.split(","))
-        variants = compare_variants(cfg, Blend(w, d, 1.7, hi, gm))
+        variants = compare_variants(cfg, Blend(w, d, 1.7, hi, gm), [a.split("=", 1) for a in args.also])
     result, horizons = run(model, cfg, training_files(args.data), rates, args.seconds, peers,
                            log=lambda m: print(m, file=sys.stderr, flush=True), score_files=score_files,
                            fold_models=fold_models, variants=variants, choose=choose, speed=args.speed,

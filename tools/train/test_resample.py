@@ -11,6 +11,11 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording, at_rate, hermite, quantize, resample  # noqa: E402
 from targets import build  # noqa: E402
 
+try:
+    import train  # noqa: E402  (needs python3-torch)
+except ImportError:
+    train = None
+
 
 def stroke(t, x, y, pressure):
     n = len(t)
@@ -65,6 +70,56 @@ def two_strokes():
     return Recording(np.concatenate([a.t, b.t]), np.concatenate([a.x, b.x]), np.concatenate([a.y, b.y]),
                      np.concatenate([a.pressure, b.pressure]), np.zeros(2 * len(t)), np.zeros(2 * len(t)),
                      np.concatenate([a.tag, b.tag]))
+
+
+class FasterWriterTest(unittest.TestCase):
+    CURVE = staticmethod(lambda u: 100 + 0.01 * u ** 2)  # pixels at the original writer's ms u
+
+    def test_a_compressed_stroke_keeps_its_shape_and_its_targets_follow(self):
+        t = np.arange(0, 400, 5)
+        rec = stroke(t, self.CURVE(t), 50 + 0.5 * t, np.full(len(t), 0.5))
+        out = resample(rec, 250.0, speed=4.0)
+        # 395 ms drawn in 98.75: whole 4 ms steps up to 96, every position on the same curve.
+        np.testing.assert_array_equal(out.t, np.arange(0, 97, 4))
+        u = 4.0 * out.t
+        np.testing.assert_allclose(out.x, self.CURVE(u), atol=1e-3)
+        np.testing.assert_allclose(out.y, 50 + 0.5 * u, atol=1e-3)
+        # The pen h ms later is where the original writer was 4 h ms later (0.1 mm per pixel).
+        cfg = FeatureConfig({"num_historical_points": 4, "min_num_historical_points": 2,
+                             "pixel_per_inch": 254, "mm_per_inch": 25.4})
+        ds = build(out, cfg)
+        h = 4.0 * np.arange(1, ds.disp.shape[1] + 1)
+        now = 4.0 * out.t[ds.pos].astype(np.float64)[:, None]
+        expected = 0.1 * (self.CURVE(now + 4.0 * h) - self.CURVE(now))
+        self.assertGreater(ds.valid.sum(), 50)
+        np.testing.assert_allclose(ds.disp[..., 0][ds.valid], expected[ds.valid], atol=1e-3)
+
+    def test_each_stroke_is_compressed_about_its_own_pen_down(self):
+        rec = two_strokes()  # two strokes of 58 ms, the second from t = 100
+        out = resample(rec, 500.0, speed=[1.0, 2.0])
+        first, second = out.t[out.tag == PEN_DOWN]
+        self.assertEqual((first, second), (0, 100))
+        np.testing.assert_array_equal(out.t[out.tag == PEN_UP], [58, 128])  # 29 ms in 2 ms steps
+        np.testing.assert_array_equal(resample(rec, 500.0, speed=1.0).t, resample(rec, 500.0).t)
+
+    @unittest.skipUnless(train, "python3-torch is not installed")
+    def test_augmented_copies_draw_a_share_of_strokes_faster(self):
+        t = np.arange(0, 600, 5)
+        one = stroke(t, self.CURVE(t / 4.0), 50 + 0.5 * t, np.full(len(t), 0.5))
+        rec = Recording(*(np.concatenate([getattr(one, c)] * 20) + (np.repeat(np.arange(20) * 1000, len(t))
+                                                                        if c == "t" else 0)
+                          for c in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")))
+        durations = {}
+        for share in (0.0, 1.0):
+            s = dict(train.SETTINGS, speed_share=share, speeds=(3.0, 3.0), quantize_share=0.0)
+            reported, smooth = train.augment(rec, np.random.default_rng(5), s)
+            down, up = reported.t[reported.tag == PEN_DOWN], reported.t[reported.tag == PEN_UP]
+            durations[share] = up - down
+            self.assertEqual(len(down), 20)
+        # 595 ms of pen-down; a third of it when every stroke is three times faster (within a
+        # sample period of the slowest rate drawn).
+        self.assertTrue((durations[0.0] >= 595 - 12.5).all())
+        np.testing.assert_allclose(durations[1.0], 595 / 3.0, atol=12.5)
 
 
 class QuantizeTest(unittest.TestCase):

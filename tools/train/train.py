@@ -73,6 +73,8 @@ SETTINGS = {
     "rates": (80.0, 650.0),  # Hz, log-uniform per stroke
     "regular_share": 0.0,  # share of augmented strokes at a whole-ms period instead (0.3 tried)
     "sizes": (0.3, 6.0),   # writing size factor, log-uniform per stroke
+    "speed_share": 0.0,    # share of augmented strokes drawn by a faster writer (time compressed)
+    "speeds": (1.0, 8.0),  # that writer's speed factor, log-uniform per stroke
     "rotate": False,       # random rotation and mirroring per stroke
     "quantize_share": 0.5,  # share of augmented strokes whose positions are rounded to a grid
     "grid_mm": (0.02, 0.25),  # that grid's spacing, log-uniform per stroke
@@ -446,10 +448,18 @@ def horizons():
 
 
 def augment(rec, rng, s):
-    """A copy of the recording with a random rate, writing size, rotation and mirroring per stroke,
+    """A copy of the recording with a random writing speed (on a share of the strokes), rate, writing
+    size, rotation and mirroring per stroke,
     and with positions rounded to a random grid on a share of the strokes: (the copy as a digitiser
     reports it, the same before rounding)."""
     n = int((rec.tag == PEN_DOWN).sum())
+    if s.get("speed_share", 0.0) > 0:
+        # The same shapes from a faster writer: the training writers are slow against some pens,
+        # and at a higher angular rate the rows look unlike anything they drew.
+        fast = rng.uniform(size=n) < s["speed_share"]
+        speeds = np.where(fast, np.exp(rng.uniform(np.log(s["speeds"][0]), np.log(s["speeds"][1]), n)), 1.0)
+    else:
+        speeds = 1.0
     rates = np.exp(rng.uniform(np.log(s["rates"][0]), np.log(s["rates"][1]), n))
     # Real pens report on a fixed period, mostly whole milliseconds (2 ms, 5 ms, 8 ms): without
     # such strokes every augmented copy has rounding jitter in its timestamps and the network
@@ -457,7 +467,7 @@ def augment(rec, rng, s):
     regular = rng.uniform(size=n) < s["regular_share"]
     periods = rng.integers(int(np.ceil(1000.0 / s["rates"][1])), int(1000.0 / s["rates"][0]) + 1, n)
     rates = np.where(regular, 1000.0 / periods, rates)
-    aug = resample(rec, rates)  # may drop strokes shorter than one step
+    aug = resample(rec, rates, speed=speeds)  # may drop strokes shorter than one step
     n = int((aug.tag == PEN_DOWN).sum())
     sizes = np.exp(rng.uniform(np.log(s["sizes"][0]), np.log(s["sizes"][1]), n))
     angles = rng.uniform(0, 2 * np.pi, n) if s["rotate"] else np.zeros(n)
@@ -1061,6 +1071,9 @@ def write_model_card(path, model, s, report_text, train_s, operators, selection,
         report=report_text, train_min=train_s / 60.0,
         train_note=run_note,
         r0=s["rates"][0], r1=s["rates"][1], z0=s["sizes"][0], z1=s["sizes"][1],
+        speed_text=("on %g of the strokes (of these and of the whole-pixel copies below) the time is first "
+                    "compressed by a random factor (%g-%gx, log-uniform: a faster writer, the same shapes); "
+                    % (s["speed_share"], s["speeds"][0], s["speeds"][1]) if s.get("speed_share", 0) > 0 else ""),
         rates=", ".join(str(r) for r in VAL_RATES), batches=", ".join(str(b) for b in VAL_BATCHES),
         end_text=("The stroke-end logits come from a branch of their own (%s -> 5) that reads the same "
                   "inputs plus each row's L1 speed |vx| + |vy| in mm/ms, so that the displacement layers are "
@@ -1345,7 +1358,7 @@ recording's own in sample interval. Regenerating takes about 3 CPU minutes.
 ## Training
 
 Every training recording is used at its own rate ({native} times) and in {copies} augmented copies:
-each stroke resampled at a random rate ({r0:g}-{r1:g} Hz log-uniform, or with probability {reg:g} a whole-ms
+{speed_text}each stroke resampled at a random rate ({r0:g}-{r1:g} Hz log-uniform, or with probability {reg:g} a whole-ms
 period; positions by cubic Hermite interpolation, pressure, tilt and orientation linearly; timestamps rounded
 to ms) and scaled by a random writing size ({z0:g}-{z1:g}x), log-uniform{rotation}{grid_text}{pixel_text}; {keep:g} of
 an augmented copy's points are kept (neighbours at fast rates say nearly the same). Training points are every point where the library predicts
