@@ -41,7 +41,7 @@ class ResidualPredictor(nn.Module):
     """
 
     def __init__(self, n_hist, hidden, num_predictions, delta_ms, ranges, mask_positions=True, linear_skip=True,
-                 end_hidden=32, time_windows=(), end_layers=(), roughness=False, mix_spans=()):
+                 end_hidden=32, time_windows=(), end_layers=(), roughness=False, mix_spans=(), parabolas=()):
         super().__init__()
         n = self.n = n_hist
         self.p = num_predictions
@@ -96,8 +96,16 @@ class ResidualPredictor(nn.Module):
         if self.roughness:
             self._roughness_constants(n)
         self.mix_spans = [int(m) for m in mix_spans]
+        self.parabolas = [int(k) for k in parabolas]
+        if self.parabolas and not self.mix_spans:
+            raise ValueError("parabolas are weighed with the mix spans: give mix_spans too")
+        if any(not 2 <= k <= n for k in self.parabolas):
+            raise ValueError("a parabola spans 2 to %d rows" % n)
+        self.n_mix = len(self.mix_spans) + len(self.parabolas)
         if self.mix_spans:
             self._mix_constants(n, combo, fc)
+        if self.parabolas:
+            self._parabola_constants(n, combo, fc)
         base = np.zeros((2 * self.p, 2))
         base[0::2, 0] = self.horizons
         base[1::2, 1] = self.horizons
@@ -136,7 +144,7 @@ class ResidualPredictor(nn.Module):
         # Per horizon, weights of other velocity estimates (their difference from least squares):
         # switching to the last step's velocity on a smooth, regular pen, or to a longer span on a
         # coarse one, is then one product rather than something ReLU layers have to approximate.
-        self.gate = nn.Linear(width, self.p * len(self.mix_spans)) if self.mix_spans else None
+        self.gate = nn.Linear(width, self.p * self.n_mix) if self.mix_spans else None
         if self.gate is not None:
             nn.init.zeros_(self.gate.weight)
             nn.init.zeros_(self.gate.bias)
@@ -186,23 +194,55 @@ class ResidualPredictor(nn.Module):
 
     def _mix_constants(self, n, combo, fc):
         """Velocities over the last m rows (sum of steps over sum of gaps) for every span m, and
-        their differences from least squares times each horizon, laid out horizon, axis, span."""
-        k, p = len(self.mix_spans), self.p
+        their differences from least squares times each horizon, laid out horizon, axis, term;
+        after the spans, each parabola's extrapolation minus least squares'."""
+        k, q, p = len(self.mix_spans), len(self.parabolas), self.p
+        t = self.n_mix
         self.consts["mix_step"] = fc([combo([(1, col, i) for i in range(n - m, n)])
                                       for col in (1, 2) for m in self.mix_spans])
         gap = [combo([(1, 0, i) for i in range(n - m, n)]) for m in self.mix_spans]
         self.consts["mix_gap"] = fc(gap + gap)
-        w = np.zeros((p * 2 * k, 2 * k + 2))
+        # Input: span velocities (x for every span, then y), least squares (x, y), then per
+        # parabola and axis its offset a, slope b and curvature c per ms (see _parabola_constants).
+        w = np.zeros((p * 2 * t, 2 * k + 2 + 6 * q))
         for j, h in enumerate(self.horizons):
             for a in range(2):
                 for m in range(k):
-                    w[(j * 2 + a) * k + m, a * k + m] = h
-                    w[(j * 2 + a) * k + m, 2 * k + a] = -h
-        self.consts["mix_e"] = (w, np.zeros(p * 2 * k))
-        total = np.zeros((2 * p, p * 2 * k))
+                    w[(j * 2 + a) * t + m, a * k + m] = h
+                    w[(j * 2 + a) * t + m, 2 * k + a] = -h
+                for m in range(q):
+                    row, col = (j * 2 + a) * t + k + m, 2 * k + 2 + 6 * m + 3 * a
+                    w[row, col:col + 3] = (1.0, h, h * h)
+                    w[row, 2 * k + a] = -h
+        self.consts["mix_e"] = (w, np.zeros(p * 2 * t))
+        total = np.zeros((2 * p, p * 2 * t))
         for r in range(2 * p):
-            total[r, r * k:(r + 1) * k] = 1.0
+            total[r, r * t:(r + 1) * t] = 1.0
         self.consts["mix_sum"] = (total, np.zeros(2 * p))
+
+    def _parabola_constants(self, n, combo, fc):
+        """A least-squares parabola over the last k rows' k + 1 samples taken as equally spaced (a
+        digitiser samples at a steady rate while host timestamps jitter): with positions relative
+        to the newest sample and s = 0, -1, ..., -k samples, p(s) = a + b s + c s^2 is a fixed linear
+        map over the rows' steps. The pen h ms ahead is p(h / g) for the mean gap g over those
+        rows, so the terms are a, b / g and c / g^2 (per parabola and axis), the last two from
+        dividing by [1, g, g] * [1, 1, g]."""
+        abc, d1, d2 = [], [], []
+        for k in self.parabolas:
+            back = -np.arange(k + 1, dtype=np.float64)
+            fit = np.linalg.pinv(np.stack([np.ones(k + 1), back, back * back], axis=1))  # [3, k + 1]
+            g = combo([(1.0 / k, 0, i) for i in range(n - k, n)])
+            one = (np.zeros(n * 6), 1.0)
+            for col in (1, 2):
+                # Sample j rows back lies minus the sum of the last j steps from the newest.
+                for coef in fit:
+                    abc.append(combo([(-sum(coef[j] for j in range(n - i, k + 1)), col, i)
+                                      for i in range(n - k, n)]))
+                d1 += [one, g, g]
+                d2 += [one, one, g]
+        self.consts["par_abc"] = fc(abc)
+        self.consts["par_d1"] = fc(d1)
+        self.consts["par_d2"] = fc(d2)
 
     def _roughness_constants(self, n):
         """How much the velocity changes from step to step, per axis, over the last three changes and
@@ -262,7 +302,12 @@ class ResidualPredictor(nn.Module):
         out = [z, self._c("base", v_ls), self._c("speed_h", absv)]
         if self.mix_spans:
             vm = self._c("mix_step", flat) / torch.maximum(self._c("mix_gap", flat), torch.tensor(MIN_GAP_MS))
-            out.append(self._c("mix_e", torch.cat([vm, v_ls], dim=1)))
+            mix_in = [vm, v_ls]
+            if self.parabolas:
+                floor = torch.tensor(MIN_GAP_MS)
+                den = torch.maximum(self._c("par_d1", flat), floor) * torch.maximum(self._c("par_d2", flat), floor)
+                mix_in.append(self._c("par_abc", flat) / den)
+            out.append(self._c("mix_e", torch.cat(mix_in, dim=1)))
         return tuple(out)
 
     def head(self, z, base, speed_h, mix_e=None):
@@ -285,8 +330,8 @@ class ResidualPredictor(nn.Module):
             e = self.end(torch.relu(self.end_hidden(first))) if self.end_hidden is not None else self.end(h)
         out = base + corr * speed_h
         if self.gate is not None:
-            g = self.gate(h).view(-1, self.p, 1, len(self.mix_spans))
-            out = out + (mix_e.view(-1, self.p, 2, len(self.mix_spans)) * g).sum(3).reshape(-1, 2 * self.p)
+            g = self.gate(h).view(-1, self.p, 1, self.n_mix)
+            out = out + (mix_e.view(-1, self.p, 2, self.n_mix) * g).sum(3).reshape(-1, 2 * self.p)
         return out, e
 
     def forward(self, x):
@@ -360,11 +405,17 @@ class ResidualPredictor(nn.Module):
         out0 = g.binary("add", "output0" if not self.mix_spans else "output_ls",
                         fc("base", v_ls), g.binary("mul", "correction_mm", corr, fc("speed_h", absv)))
         if self.mix_spans:
-            n_mix = len(self.mix_spans)
+            n_mix = self.n_mix
             vm = g.binary("div", "mix_velocity", fc("mix_step", g.flat),
                           g.binary("maximum", "mix_gap_floor", fc("mix_gap", g.flat),
-                                   full("mix_min_gap", MIN_GAP_MS, 2 * n_mix)))
-            e = fc("mix_e", g.concatenation("mix_input", [vm, v_ls]))
+                                   full("mix_min_gap", MIN_GAP_MS, 2 * len(self.mix_spans))))
+            mix_in = [vm, v_ls]
+            if self.parabolas:
+                width = 6 * len(self.parabolas)
+                d1 = g.binary("maximum", "par_d1_floor", fc("par_d1", g.flat), full("par_min_d1", MIN_GAP_MS, width))
+                d2 = g.binary("maximum", "par_d2_floor", fc("par_d2", g.flat), full("par_min_d2", MIN_GAP_MS, width))
+                mix_in.append(g.binary("div", "par_terms", fc("par_abc", g.flat), g.binary("mul", "par_den", d1, d2)))
+            e = fc("mix_e", g.concatenation("mix_input", mix_in))
             # The gate's rows repeated for x and y, so that its output lines up with e.
             gw = mean_w([m.gate.weight.detach().numpy().reshape(self.p, 1, n_mix, -1).repeat(2, axis=1)
                          .reshape(self.p * 2 * n_mix, -1) for m in members])

@@ -253,6 +253,78 @@ class FixedPartTest(unittest.TestCase):
         np.testing.assert_allclose(rough[1][[1, 3]], 0.0, atol=1e-5)
 
 
+class ParabolaTest(unittest.TestCase):
+    """The parabola terms: a least-squares parabola over the last rows taken as equally spaced."""
+    SETTINGS = dict(SETTINGS, parabolas=[6, 10])
+
+    def gated(self, index):
+        """A network whose only learned output is every horizon's full weight on one mix term."""
+        model = train.new_model(self.SETTINGS).eval()
+        with torch.no_grad():
+            bias = torch.zeros(model.p, model.n_mix)
+            bias[:, index] = 1.0
+            model.gate.bias.copy_(bias.reshape(-1))
+        return model
+
+    def test_a_constant_acceleration_stroke_is_predicted_exactly_by_torch_and_by_the_file(self):
+        t = np.arange(0, 300, 5)  # a steady 5 ms period
+        n = len(t)
+        tag = np.full(n, 2)
+        tag[0], tag[-1] = PEN_DOWN, PEN_UP
+        x, y = 300.0 + 0.8 * t + 0.004 * t ** 2, 200.0 - 0.3 * t + 0.002 * t ** 2
+        rec = Recording(t, x, y, np.full(n, 0.5), 0.3 + 0.01 * np.sin(t / 7.0), np.ones(n), tag)
+        cfg, ds = dataset(self.SETTINGS, rec)
+        full = ds.pos >= 11  # the history holds the parabola's ten rows and the stroke's own samples
+        now = t[ds.pos].astype(np.float64)[full][:, None]
+        h = cfg.prediction_time_delta_ms * np.arange(1, 6, dtype=np.float64)[None, :]
+        mm = float(cfg.mm_per_pixel)
+        want = np.stack([(0.8 + 0.008 * now) * h + 0.004 * h * h,
+                         (-0.3 + 0.004 * now) * h + 0.002 * h * h], axis=2) * mm
+        k = len(self.SETTINGS["mix_spans"])
+        for index in (k, k + 1):
+            model = self.gated(index)
+            with torch.no_grad():
+                got = model(torch.from_numpy(ds.x))[0].numpy().reshape(-1, 5, 2)
+            np.testing.assert_allclose(got[full], want, atol=2e-4)
+            with tempfile.TemporaryDirectory() as tmp:
+                path = os.path.join(tmp, "m.tflite")
+                ops = model.export(path)
+                out0, _ = tflite_forward(path, ds.x)
+            self.assertLessEqual(set(ops), {"ADD", "CONCATENATION", "DIV", "FULLY_CONNECTED", "MAXIMUM",
+                                            "MINIMUM", "MUL", "RESHAPE", "SUB"})
+            np.testing.assert_allclose(out0.reshape(-1, 5, 2)[full], want, atol=2e-4)
+        # Least squares over three samples lags a turning pen by the acceleration term: the
+        # parabola's exactness above is its own.
+        self.assertGreater(np.abs(ds.ls3[full] - want).max(), 0.01)
+        self.assertGreater(full.sum(), 30)
+
+    def test_uneven_timestamps_use_the_mean_gap(self):
+        # Host timestamps 4, 6, 4, 6 ms apart on a pen sampled every 5 ms: taken as equally spaced,
+        # the parabola sees the steady pen, whose velocity the mean gap recovers.
+        t = np.arange(0, 300, 5)
+        stamps = t + np.where(np.arange(len(t)) % 2, 1, 0)
+        n = len(t)
+        tag = np.full(n, 2)
+        tag[0], tag[-1] = PEN_DOWN, PEN_UP
+        rec = Recording(stamps, 300.0 + 0.8 * t, 200.0 + 0.0 * t, np.full(n, 0.5), np.zeros(n), np.ones(n), tag)
+        cfg, ds = dataset(self.SETTINGS, rec)
+        full = ds.pos >= 11
+        model = self.gated(len(self.SETTINGS["mix_spans"]))
+        with torch.no_grad():
+            got = model(torch.from_numpy(ds.x))[0].numpy().reshape(-1, 5, 2)[full]
+        # Over ten rows the mean gap is exactly 5 ms.
+        h = cfg.prediction_time_delta_ms * np.arange(1, 6, dtype=np.float64)
+        np.testing.assert_allclose(got[:, :, 0], np.tile(0.8 * h * float(cfg.mm_per_pixel), (full.sum(), 1)),
+                                   atol=2e-4)
+
+    def test_spans_the_history_cannot_hold_are_refused(self):
+        for bad in ([1], [SETTINGS["num_historical_points"] + 1]):
+            with self.assertRaises(ValueError):
+                train.new_model(dict(SETTINGS, parabolas=bad))
+        with self.assertRaises(ValueError):
+            train.new_model(dict(SETTINGS, parabolas=[6], mix_spans=[]))
+
+
 class GroupPushTest(unittest.TestCase):
     """A group that loses to the baseline gains loss weight, each horizon's mean weight stays."""
 

@@ -82,6 +82,7 @@ SETTINGS = {
     "time_windows": [],    # ms: weighted least-squares velocities over these stretches of stroke
     "roughness": True,     # the MLP also sees how much the velocity changes from step to step
     "mix_spans": [1, 4, 8],  # rows: velocities over these last spans, weighed per horizon by the MLP
+    "parabolas": [],       # rows: least-squares parabolas over these last spans, weighed alike
     "stroke_relative": 0.0,  # share of the loss weight that is relative to each stroke's baseline error
     "group_push": 0.0,     # per epoch, raise the loss weight of training groups near or over the better baseline
     "end_layers": [32, 16],  # widths of a stroke-end branch of its own (empty: a layer on the shared one)
@@ -208,7 +209,8 @@ def new_model(s):
     return ResidualPredictor(s["num_historical_points"], s["hidden"], NUM_PREDICTIONS, DELTA_MS,
                              [s["ranges"][f] for f in FEATURES], s["mask_positions"],
                              s["linear_skip"], s["end_hidden"], s.get("time_windows", []),
-                             s.get("end_layers", []), s.get("roughness", False), s.get("mix_spans", []))
+                             s.get("end_layers", []), s.get("roughness", False), s.get("mix_spans", []),
+                             s.get("parabolas", []))
 
 
 def member_settings(s):
@@ -1085,7 +1087,14 @@ def write_model_card(path, model, s, report_text, train_s, operators, selection,
                    "where v_m is the velocity over the last m rows (their steps over their gaps; m = %s) and "
                    "the weights w come per horizon from the last hidden layer: on a smooth, regular pen the "
                    "network can take the last step's velocity outright, on a coarse one a longer span")
-                  % ", ".join(str(m) for m in s["mix_spans"]) if s.get("mix_spans") else ""),
+                  % ", ".join(str(m) for m in s["mix_spans"]) if s.get("mix_spans") else "")
+                 + (("; and, weighed alike, sum over k of w(k, horizon) x (p_k(horizon) - least-squares "
+                     "velocity x horizon), where p_k is a least-squares parabola over the last k rows' k + 1 "
+                     "samples taken as equally spaced (a fixed linear map over the rows, FULLY_CONNECTED), "
+                     "evaluated at horizon / mean gap over those rows and anchored at the fit's value at the "
+                     "newest sample (k = %s): what a tuned least-squares parabola does, for the network to "
+                     "take where the pen turns fast" % ", ".join(str(k) for k in s["parabolas"]))
+                    if s.get("parabolas") else ""),
         rough_text=(", and how much the velocity changes from step to step: the mean absolute change of the "
                     "x and y velocities over the last three steps and over the whole history, divided by S "
                     "(a digitiser's grid or jitter shows as changes of the order of the speed itself)"
