@@ -70,6 +70,17 @@ run_ctest() { # build-dir log
 import sys, xml.etree.ElementTree as tree
 for case in tree.parse(sys.argv[1]).getroot().iter("testcase"):
     print(case.get("name"), case.get("status"), sep="\t")' "$junit")
+  # The end of each failed test's output, for the terminal: a failure that does not repeat is
+  # diagnosed from what a remote run printed.
+  /usr/bin/python3 -c '
+import sys, xml.etree.ElementTree as tree
+for case in tree.parse(sys.argv[1]).getroot().iter("testcase"):
+    if case.get("status") not in ("run", "notrun"):
+        out = case.find("system-out")
+        lines = [l for l in (out.text or "").splitlines() if l.strip()] if out is not None else []
+        print("  --- %s, last lines:" % case.get("name"))
+        for line in lines[-12:]:
+            print("    " + line[:200])' "$junit" >>"$failure_tails"
 }
 
 build_tree() { # name build-dir log cmake-flags...
@@ -139,6 +150,8 @@ for config in "${configs[@]}"; do
   log="$logs/$config.log"
   : >"$log"
   passed=0 failed=0 failed_names=()
+  failure_tails="$logs/$config.failures"
+  : >"$failure_tails"
   start=$SECONDS
   [ -t 1 ] && printf '%-8s running (output in %s)...' "$config:" "$log"
   case "$config" in
@@ -153,6 +166,7 @@ for config in "${configs[@]}"; do
   for name in "${failed_names[@]}"; do
     echo "         failed: $name"
   done
+  head -n 60 "$failure_tails"
   total_passed=$((total_passed + passed))
   total_failed=$((total_failed + failed))
 done

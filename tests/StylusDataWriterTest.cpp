@@ -341,6 +341,31 @@ TEST(StylusDataWriterTest, TakenNamesGetASuffixAndAreNeverReplaced) {
     EXPECT_EQ(recorded, expected);
 }
 
+// A file planted under the name a recording is about to be published as stays, and the log says
+// where the rows went instead.
+TEST(StylusDataWriterTest, NameTakenWhileRecordingIsLoggedAndKept) {
+    TempDir dir;
+    LogCapture log;
+    StylusDataWriter writer(recording(dir.path(), 2, 1000));
+    for (uint64_t t = 1; t <= 4; ++t) {
+        ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
+    }
+    std::string tmp;
+    ASSERT_TRUE(testsupport::waitUntil([&] {
+        const auto files = filesIn(dir.path());
+        tmp = files.empty() ? "" : files[0];
+        return !tmp.empty() && readFile(tmp) == kHeader + rows(1, 4);
+    }));
+    ASSERT_EQ(tmp.substr(tmp.size() - 8), ".dat.tmp");
+    const std::string meant = tmp.substr(0, tmp.size() - 4);
+    const std::string instead = tmp.substr(0, tmp.size() - 8) + "_1.dat";
+    testsupport::writeFile(meant, "planted");
+    writer.stop();
+    EXPECT_EQ(readFile(meant), "planted");
+    EXPECT_EQ(readFile(instead), kHeader + rows(1, 4));
+    EXPECT_EQ(log.count("Recording " + tmp + " published as " + instead + ": " + meant + " was taken"), 1);
+}
+
 // A recorder starting in a directory finishes leftovers; one already recording there creates a file
 // every second sample meanwhile. None of its files is taken for a leftover: every row arrives once.
 TEST(StylusDataWriterTest, RecordersSharingADirectoryNeverRemoveEachOthersFiles) {

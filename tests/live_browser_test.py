@@ -39,7 +39,7 @@ except ImportError as error:
     skip("python3-selenium is not installed (%s)" % error)
 
 
-def wait_for(driver, script, what, timeout=20.0):
+def wait_for(driver, script, what, timeout=60.0):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         value = driver.execute_script(script)
@@ -77,6 +77,13 @@ def draw(driver, points, before_lift=None):
         pen.create_pointer_move(duration=8, x=int(round(x)), y=int(round(y)), origin="viewport",
                                 pressure=pressure, tiltX=20, tiltY=-10)
     actions.perform()
+    # The page sends once per frame: lifted before the frame that carries the last move, the move and
+    # the lift go out as one batch and no prediction comes from that move (a loaded machine's frames
+    # come late). So the pen stays down until that move has been sent and predicted from.
+    last_x, last_y = int(round(points[-1][0])), int(round(points[-1][1]))
+    wait_for(driver, "const s = window.stylusLive; const st = s.strokes[s.strokes.length - 1]; "
+             "const p = st.samples[st.samples.length - 1]; return p.tag == 2 && Math.abs(p.x - %d) < 0.5 && Math.abs(p.y - %d) < 0.5 && "
+             "s.predictions.some((r) => r.base == p.t)" % (last_x, last_y), "the prediction from the last move")
     if before_lift:
         before_lift()
     pen = PointerInput(interaction.POINTER_PEN, "pen")

@@ -1,5 +1,6 @@
 #include "StylusDataWriter.h"
 
+#include <cstring>
 #include <time.h>
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <boost/system/error_code.hpp>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <system_error>
@@ -245,6 +247,13 @@ void StylusDataWriter::finishFile() {
         file.discard();
     } else if (file.finish(error)) {
         writtenCount.fetch_add(rowsInFile, std::memory_order_relaxed);
+        // Someone else's file under the name meant for this one: say where the rows went.
+        const std::string& tmp = file.tmpPath();
+        const std::string meant = tmp.substr(0, tmp.size() - std::strlen(".tmp"));
+        if (file.datPath() != meant) {
+            VELMAR_LOG(velmar::Warning, logTag,
+                       "Recording " << tmp << " published as " << file.datPath() << ": " << meant << " was taken");
+        }
     } else {
         VELMAR_LOG(velmar::Error, logTag,
                    "Cannot finish recording: " << error << "; " << rowsInFile << " rows lost");

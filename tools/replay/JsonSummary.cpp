@@ -50,7 +50,8 @@ std::string counts(const ReplayCounts& c) {
            ", \"before_stroke_start\": " + std::to_string(c.beforeStrokeStart) +
            ", \"unmatched_callbacks\": " + std::to_string(c.unmatchedCallbacks) +
            ", \"dropped_inside_stroke\": " + std::to_string(c.droppedInside) +
-           ", \"dropped_past_end\": " + std::to_string(c.droppedPastEnd) + "}";
+           ", \"dropped_past_end\": " + std::to_string(c.droppedPastEnd) +
+           ", \"skipped_rows\": " + std::to_string(c.skippedRows) + "}";
 }
 
 void horizons(std::ostream& out, const std::vector<HorizonSummary>& rows, const std::string& indent,

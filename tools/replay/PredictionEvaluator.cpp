@@ -162,6 +162,7 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
     counts.recordings = 1;
     counts.strokes = batching.strokes.size();
     counts.samples = recording.samples.size();
+    counts.skippedRows = recording.skippedRows.size();
     counts.batches = batching.batches.size();
     counts.refusedBatches = static_cast<std::size_t>(
         std::count_if(sends.begin(), sends.end(), [](const SendRecord& send) { return !send.accepted; }));
@@ -226,6 +227,7 @@ std::vector<PointResult> PredictionEvaluator::evaluate(const Recording& recordin
     total.recordings += counts.recordings;
     total.strokes += counts.strokes;
     total.samples += counts.samples;
+    total.skippedRows += counts.skippedRows;
     total.batches += counts.batches;
     total.refusedBatches += counts.refusedBatches;
     total.predictedBatches += counts.predictedBatches;

@@ -88,6 +88,7 @@ struct ReplayCounts {
     std::size_t recordings = 0;
     std::size_t strokes = 0;
     std::size_t samples = 0;
+    std::size_t skippedRows = 0;  // rows of the file left out as unusable (not in samples)
     std::size_t batches = 0;
     std::size_t refusedBatches = 0;
     std::size_t predictedBatches = 0;  // callbacks matched to a batch

@@ -94,6 +94,9 @@ void SummaryText::print(std::ostream& out, const ReplaySummary& s) {
     countLine(out, "recordings", c.recordings);
     countLine(out, "strokes", c.strokes);
     countLine(out, "samples", c.samples);
+    if (c.skippedRows > 0) {
+        countLine(out, "  rows skipped", c.skippedRows);
+    }
     countLine(out, "batches", c.batches);
     countLine(out, "refused batches", c.refusedBatches);
     countLine(out, "predicted batches", c.predictedBatches);
