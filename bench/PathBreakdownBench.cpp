@@ -23,6 +23,7 @@
 // --wait=library|warm-once|prefetch-once|continuous|cold|probed (how the
 // thread waits in the window, below), --probe=1 (time an extra model run and the fixed
 // computation), --only-spun=0 (count every batch, not only those awaited by a busy-wait).
+#include "BenchFlags.h"
 #include <benchmark/benchmark.h>
 #include <sched.h>
 
@@ -424,18 +425,10 @@ void BM_PathBreakdown(benchmark::State& state) {
     state.counters["inference_frees_per_batch"] = inferenceFrees / n;
 }
 
-bool takeFlag(const char* arg, const char* name, std::string& value) {
-    const size_t length = std::strlen(name);
-    if (std::strncmp(arg, name, length) == 0 && arg[length] == '=') {
-        value = arg + length + 1;
-        return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
+    using benchflags::takeFlag;
     std::vector<char*> rest = {argv[0]};
     for (int i = 1; i < argc; ++i) {
         std::string value;

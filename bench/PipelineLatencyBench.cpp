@@ -14,6 +14,7 @@
 //                        library's default)
 // The JSON parser includes the old Boost.Bind header; this keeps its deprecation note out of the build.
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
+#include "BenchFlags.h"
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -218,18 +219,10 @@ void runLatency(benchmark::State& state, const std::string& modelKind, bool pace
     state.SetLabel(modelKind + (paced ? ", paced 240 Hz" : ", flat out") + (spin ? "" : ", no busy-wait"));
 }
 
-bool takeFlag(const char* arg, const char* name, std::string& value) {
-    const size_t length = std::strlen(name);
-    if (std::strncmp(arg, name, length) == 0 && arg[length] == '=') {
-        value = arg + length + 1;
-        return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
+    using benchflags::takeFlag;
     std::vector<char*> rest = {argv[0]};
     for (int i = 1; i < argc; ++i) {
         std::string value;

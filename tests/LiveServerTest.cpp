@@ -394,6 +394,21 @@ std::vector<BadInput> badInputs() {
     };
 }
 
+// Lines of the session's published recordings; a recording still open (.tmp) fails the test.
+std::size_t finishedRecordingLines(const std::string& sessionDir) {
+    std::size_t lines = 0;
+    for (boost::filesystem::directory_iterator it(sessionDir), end; it != end; ++it) {
+        EXPECT_NE(it->path().extension(), ".tmp") << it->path();
+        if (it->path().extension() == ".dat") {
+            std::ifstream file(it->path().string());
+            for (std::string line; std::getline(file, line);) {
+                ++lines;
+            }
+        }
+    }
+    return lines;
+}
+
 // One server takes every bad page in turn: each gets its answer and its close, and the next page
 // is served as if nothing had happened.
 TEST_F(LiveServerTest, EveryBadMessageIsAnsweredAndClosedWhileTheServerGoesOn) {
@@ -509,17 +524,7 @@ TEST_F(LiveServerTest, APageGoneMidStrokeFreesTheLibraryAndItsRecordingIsFinishe
     }
     std::unique_ptr<PageClient> next;
     EXPECT_NE(connectWhenFree(server->port, next).find("\"ready\""), std::string::npos);
-    std::size_t rows = 0;
-    for (boost::filesystem::directory_iterator it(sessionDir), end; it != end; ++it) {
-        EXPECT_NE(it->path().extension(), ".tmp") << it->path();
-        if (it->path().extension() == ".dat") {
-            std::ifstream file(it->path().string());
-            for (std::string line; std::getline(file, line);) {
-                ++rows;
-            }
-        }
-    }
-    EXPECT_EQ(rows, 1u + 8u);
+    EXPECT_EQ(finishedRecordingLines(sessionDir), 1u + 8u);
 }
 
 TEST_F(LiveServerTest, APageSendingTooFastIsClosed) {
@@ -548,17 +553,7 @@ TEST_F(LiveServerTest, StoppingFinishesTheOpenSessionsRecording) {
     EXPECT_EQ(page.read(), "");
     EXPECT_EQ(page.closeCode, 1001);  // going away
     EXPECT_EQ(page.closeReason, "stylus-live is stopping");
-    std::size_t rows = 0;
-    for (boost::filesystem::directory_iterator it(sessionDir), end; it != end; ++it) {
-        EXPECT_NE(it->path().extension(), ".tmp") << it->path();
-        if (it->path().extension() == ".dat") {
-            std::ifstream file(it->path().string());
-            for (std::string line; std::getline(file, line);) {
-                ++rows;
-            }
-        }
-    }
-    EXPECT_EQ(rows, 1u + 6u);
+    EXPECT_EQ(finishedRecordingLines(sessionDir), 1u + 6u);
     server.reset();
 }
 
