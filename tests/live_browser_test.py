@@ -223,7 +223,7 @@ def main():
             "sent %d samples, %d of them with recording on" % (len(state["sent"]), len(sent))
         driver.find_element("id", "finish").click()
         finished = wait_for(driver, "const f = window.stylusLive.finished; return f.length && f[0]",
-                            "the session to finish", timeout=40)
+                            "the session to finish", timeout=90)
         check_recording(sent, read_recording(session_dir))
         assert finished["report"], "no report: %s" % finished["problem"]
         assert os.path.getsize(os.path.join(session_dir, "report.html")) > 1000
