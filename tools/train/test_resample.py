@@ -122,6 +122,26 @@ class FasterWriterTest(unittest.TestCase):
         np.testing.assert_allclose(durations[1.0], 595 / 3.0, atol=12.5)
 
 
+    @unittest.skipUnless(train, "python3-torch is not installed")
+    def test_fast_copies_come_after_the_others_and_leave_them_as_they_were(self):
+        t = np.arange(0, 600, 5)
+        one = stroke(t, self.CURVE(t / 4.0), 50 + 0.5 * t, np.full(len(t), 0.5))
+        rec = Recording(*(np.concatenate([getattr(one, c)] * 6) + (np.repeat(np.arange(6) * 1000, len(t))
+                                                                       if c == "t" else 0)
+                          for c in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")))
+        s = dict(train.SETTINGS, keep=1.0)
+        cfg = FeatureConfig(train.model_section(s))
+        plain = train.recording_block(rec, 0, s, cfg)
+        more = train.recording_block(rec, 0, dict(s, speed_copies=1), cfg)
+        np.testing.assert_array_equal(more.x[:len(plain)], plain.x)
+        np.testing.assert_array_equal(more.disp[:len(plain)], plain.disp)
+        # The fast copy: every stroke at least as fast, so fewer points than an ordinary copy.
+        extra = len(more) - len(plain)
+        ordinary = (len(plain) - s["native_copies"] * len(build(rec, cfg))) / (s["copies"] + s["pixel_copies"])
+        self.assertGreater(extra, 0)
+        self.assertLess(extra, ordinary)
+
+
 class QuantizeTest(unittest.TestCase):
     def test_each_stroke_snaps_to_its_own_grid_and_zero_leaves_it_alone(self):
         rec = two_strokes()

@@ -75,6 +75,7 @@ SETTINGS = {
     "sizes": (0.3, 6.0),   # writing size factor, log-uniform per stroke
     "speed_share": 0.0,    # share of augmented strokes drawn by a faster writer (time compressed)
     "speeds": (1.0, 8.0),  # that writer's speed factor, log-uniform per stroke
+    "speed_copies": 0,     # more augmented copies with every stroke drawn that much faster
     "rotate": False,       # random rotation and mirroring per stroke
     "quantize_share": 0.5,  # share of augmented strokes whose positions are rounded to a grid
     "grid_mm": (0.02, 0.25),  # that grid's spacing, log-uniform per stroke
@@ -542,7 +543,9 @@ def recording_block(rec, i, s, cfg):
     # A host reporting integer pixels at the writing's own size: the grid and the steps keep
     # the proportion they have on a device.
     pixel = dict(s, sizes=(1.0, 1.0), quantize_share=1.0, grid_mm=(PIXEL_MM, PIXEL_MM))
-    for how in [s] * s["copies"] + [pixel] * s.get("pixel_copies", 0):
+    # Faster writers on copies of their own, after the others: those stay as they were drawn.
+    fast = dict(s, speed_share=1.0)
+    for how in [s] * s["copies"] + [pixel] * s.get("pixel_copies", 0) + [fast] * s.get("speed_copies", 0):
         reported, smooth = augment(rec, rng, how)
         aug = build(reported, cfg, truth=smooth)
         aug.group = training_groups(aug, 2 * i + 1, (reported.x != smooth.x) | (reported.y != smooth.y))
