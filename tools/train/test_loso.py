@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 """Leave-one-source-out pieces: device conditions, the numpy peers on strokes whose answer is
 known, overshoot and drop bookkeeping, tuning on the other sources and the losing-cell rule."""
+import json
 import os
 import sys
+import tempfile
 import unittest
 
 import numpy as np
@@ -16,7 +18,9 @@ except ImportError:
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from features import PEN_DOWN, PEN_UP, FeatureConfig, Recording  # noqa: E402
-from loso import Tally, condition, loses, on_screen, pick_strokes, source_of, tune  # noqa: E402
+from evaluate import configured_predictor, logit_threshold  # noqa: E402
+from filter_blend import Blend  # noqa: E402
+from loso import ROOT, Tally, compare_variants, condition, loses, on_screen, pick_strokes, source_of, tune  # noqa: E402
 from peers import fit_predictions, kalman_predictions  # noqa: E402
 from targets import build  # noqa: E402
 
@@ -190,6 +194,36 @@ class TallyTest(unittest.TestCase):
         for model, best, lost in ((1.019, 1.0, False), (1.021, 1.0, True), (0.209, 0.2, False),
                                   (0.2101, 0.2, True), (0.5, 0.6, False)):
             self.assertEqual(loses(model, best), lost, (model, best))
+
+
+class CompareTest(unittest.TestCase):
+    SHIPPED = os.path.join(ROOT, "models", "stylus_predictor.json")
+
+    def test_another_configuration_is_scored_as_it_ships_on_the_same_rows(self):
+        sec, cfg, predict = configured_predictor(self.SHIPPED)
+        t = np.arange(0, 400, 8)
+        ds = build(stroke(t, 300 + 0.9 * t + 0.002 * t ** 2, 200 + 40 * np.sin(t / 60.0)), cfg)
+        disp, logit = predict(ds.x)
+        with tempfile.TemporaryDirectory() as tmp:
+            # The same model at another threshold, one that drops about half of these points: its
+            # own threshold decides its drops.
+            thres = float(1.0 / (1.0 + np.exp(-np.median(logit))))
+            other = dict(sec, stroke_end_thres=thres,
+                         model_name=os.path.join(os.path.dirname(self.SHIPPED), sec["model_name"]))
+            path = os.path.join(tmp, "other.json")
+            with open(path, "w") as f:
+                json.dump({"PredictionModel": other}, f)
+            variants = compare_variants(cfg, Blend(10, 0.8, 1.7, 4.5, 0.5), [("other", path)])
+            self.assertEqual(sorted(variants), ["fallback", "network alone", "other"])
+            d, dropped = variants["other"](ds.x, np.zeros_like(disp), np.full_like(logit, -50.0))
+            np.testing.assert_array_equal(d, disp)
+            np.testing.assert_array_equal(dropped, logit >= logit_threshold(thres))
+            self.assertTrue(dropped.any() and not dropped.all())
+            # A configuration whose rows differ cannot be scored on these rows.
+            with open(path, "w") as f:
+                json.dump({"PredictionModel": dict(other, num_historical_points=8)}, f)
+            with self.assertRaises(SystemExit):
+                compare_variants(cfg, Blend(10, 0.8, 1.7, 4.5, 0.5), [("other", path)])
 
 
 if __name__ == "__main__":
