@@ -117,7 +117,7 @@ def main(argv=None):
     recs = recordings.load(args.recordings, skipped)
     for line in skipped.report():
         print(line)
-    print("\n".join(compare(args.replay, args.new_config, args.shipped_config, recs, args.batch_size)))
+    print("\n".join(compare(os.path.abspath(args.replay), args.new_config, args.shipped_config, recs, args.batch_size)))
 
 
 if __name__ == "__main__":

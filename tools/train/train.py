@@ -865,7 +865,7 @@ def retrain(args, s, src, group):
                                                       train_s / 60.0), flush=True)
         if args.no_compare:
             return 0
-        binary = args.replay or compare.find_replay()
+        binary = os.path.abspath(args.replay) if args.replay else compare.find_replay()
         if shipped is None or not binary:
             print("no comparison: %s" % ("no stylus-replay (build it or give --replay)" if not binary
                                          else "no shipped model at %s" % args.shipped))
