@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -81,6 +82,25 @@ std::string countsLine(uint64_t accepted, uint64_t written, uint64_t lost, uint6
     return "Recorder samples at shutdown : accepted " + std::to_string(accepted) + ", written " +
            std::to_string(written) + ", lost " + std::to_string(lost) + ", refused by the full queue " +
            std::to_string(refused) + ", not numbers 0";
+}
+
+// The ".dat.tmp" recording in dir once it holds exactly content; empty if that never happens. A
+// recording is created under a name of its own first, which a listing may catch.
+std::string waitForRecording(const std::string& dir, const std::string& content) {
+    std::string tmp;
+    const bool seen = testsupport::waitUntil([&] {
+        for (const std::string& name : filesIn(dir)) {
+            if (name.size() > 8 && name.compare(name.size() - 8, 8, ".dat.tmp") == 0) {
+                std::ifstream file(name);
+                std::stringstream text;
+                text << file.rdbuf();
+                tmp = name;
+                return file.is_open() && text.str() == content;
+            }
+        }
+        return false;
+    });
+    return seen ? tmp : std::string();
 }
 
 std::string utcStamp(std::time_t time) {
@@ -264,12 +284,8 @@ TEST(StylusDataWriterTest, RemovedDirectoryIsReportedAndNotRecreated) {
     for (uint64_t t = 1; t <= 4; ++t) {
         ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
     }
-    std::string tmp;
-    ASSERT_TRUE(testsupport::waitUntil([&] {
-        const auto files = filesIn(recordings);
-        tmp = files.empty() ? "" : files[0];
-        return !tmp.empty() && readFile(tmp) == kHeader + rows(1, 4);
-    }));
+    const std::string tmp = waitForRecording(recordings, kHeader + rows(1, 4));
+    ASSERT_FALSE(tmp.empty());
     boost::filesystem::remove_all(recordings);
     for (uint64_t t = 5; t <= 8; ++t) {
         ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
@@ -354,12 +370,8 @@ TEST(StylusDataWriterTest, NameTakenWhileRecordingIsLoggedAndKept) {
     for (uint64_t t = 1; t <= 4; ++t) {
         ASSERT_TRUE(writer.writeData({{t, sample(t)}}));
     }
-    std::string tmp;
-    ASSERT_TRUE(testsupport::waitUntil([&] {
-        const auto files = filesIn(dir.path());
-        tmp = files.empty() ? "" : files[0];
-        return !tmp.empty() && readFile(tmp) == kHeader + rows(1, 4);
-    }));
+    const std::string tmp = waitForRecording(dir.path(), kHeader + rows(1, 4));
+    ASSERT_FALSE(tmp.empty());
     ASSERT_EQ(tmp.substr(tmp.size() - 8), ".dat.tmp");
     const std::string meant = tmp.substr(0, tmp.size() - 4);
     const std::string instead = tmp.substr(0, tmp.size() - 8) + "_1.dat";
