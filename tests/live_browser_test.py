@@ -208,8 +208,10 @@ def main():
         for n, (kind, x0, y0) in enumerate(strokes):
             last = n == len(strokes) - 1
             draw(driver, stroke_points(kind, x0, y0), screenshot if last and args.screenshot else None)
-            wait_for(driver, "return window.stylusLive.strokes.length == %d && !window.stylusLive.strokes[%d].open"
-                     % (n + 1, n), "stroke %d to end" % n)
+            # Ended on the page and its pen-up sent: one still waiting for the next frame goes out after
+            # the snapshot of what was sent below, and the recording then holds one sample more.
+            wait_for(driver, "const s = window.stylusLive; return s.strokes.length == %d && !s.strokes[%d].open && "
+                     "s.sent.length > 0 && s.sent[s.sent.length - 1][6] == 1" % (n + 1, n), "stroke %d to end" % n)
         # The prediction from the last stroke's last move comes back within a frame or two.
         wait_for(driver, "const s = window.stylusLive; const moves = s.strokes[s.strokes.length - 1].samples"
                  ".filter((p) => p.tag == 2); return s.predictions.some((p) => p.base == moves[moves.length - 1].t)",
