@@ -102,13 +102,17 @@ class FasterWriterTest(unittest.TestCase):
         np.testing.assert_array_equal(out.t[out.tag == PEN_UP], [58, 128])  # 29 ms in 2 ms steps
         np.testing.assert_array_equal(resample(rec, 500.0, speed=1.0).t, resample(rec, 500.0).t)
 
-    @unittest.skipUnless(train, "python3-torch is not installed")
-    def test_augmented_copies_draw_a_share_of_strokes_faster(self):
+    def repeated_curve(self, count):
+        """count copies of one 595 ms curved stroke, a second apart."""
         t = np.arange(0, 600, 5)
         one = stroke(t, self.CURVE(t / 4.0), 50 + 0.5 * t, np.full(len(t), 0.5))
-        rec = Recording(*(np.concatenate([getattr(one, c)] * 20) + (np.repeat(np.arange(20) * 1000, len(t))
-                                                                        if c == "t" else 0)
-                          for c in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")))
+        return Recording(*(np.concatenate([getattr(one, c)] * count) + (np.repeat(np.arange(count) * 1000, len(t))
+                                                                          if c == "t" else 0)
+                           for c in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")))
+
+    @unittest.skipUnless(train, "python3-torch is not installed")
+    def test_augmented_copies_draw_a_share_of_strokes_faster(self):
+        rec = self.repeated_curve(20)
         durations = {}
         for share in (0.0, 1.0):
             s = dict(train.SETTINGS, speed_share=share, speeds=(3.0, 3.0), quantize_share=0.0)
@@ -124,11 +128,7 @@ class FasterWriterTest(unittest.TestCase):
 
     @unittest.skipUnless(train, "python3-torch is not installed")
     def test_fast_copies_come_after_the_others_and_leave_them_as_they_were(self):
-        t = np.arange(0, 600, 5)
-        one = stroke(t, self.CURVE(t / 4.0), 50 + 0.5 * t, np.full(len(t), 0.5))
-        rec = Recording(*(np.concatenate([getattr(one, c)] * 6) + (np.repeat(np.arange(6) * 1000, len(t))
-                                                                       if c == "t" else 0)
-                          for c in ("t", "x", "y", "pressure", "tilt", "orientation", "tag")))
+        rec = self.repeated_curve(6)
         s = dict(train.SETTINGS, keep=1.0)
         cfg = FeatureConfig(train.model_section(s))
         plain = train.recording_block(rec, 0, s, cfg)
