@@ -55,12 +55,12 @@ class Group:
             g.copy_(flat[pos:pos + g.numel()].view_as(g))
             pos += g.numel()
 
-    def broadcast_object(self, obj):
-        """The leader's object in every process."""
+    def broadcast_object(self, obj, src=0):
+        """Process `src`'s object in every process."""
         if self.world == 1:
             return obj
         box = [obj]
-        dist.broadcast_object_list(box, src=0)
+        dist.broadcast_object_list(box, src=src)
         return box[0]
 
     def close(self):
@@ -103,14 +103,14 @@ class Layout:
     def single(cls, count):
         return cls(Group(), np.array([count], np.int64), np.zeros(1, np.int64))
 
-    def batches(self, perm, batch):
-        """Per global batch of the permutation: this process's local indices of its points."""
+    def epoch_order(self, perm, batch):
+        """(this process's local indices in the order of the permutation, and where each global
+        batch starts among them: [batches + 1]). Gathering the points in that order once per epoch
+        makes every batch a contiguous slice instead of a gather per step."""
         local = self.local_of[perm]
-        out = []
-        for i in range(0, self.total, batch):
-            part = local[i:i + batch]
-            out.append(torch.from_numpy(part[part >= 0]))
-        return out
+        held = local >= 0
+        per_batch = np.add.reduceat(held.astype(np.int64), np.arange(0, self.total, batch)) if self.total else np.zeros(0, np.int64)
+        return local[held], np.concatenate([[0], np.cumsum(per_batch)]).astype(np.int64)
 
     def batch_counts(self, perm, batch, valid):
         """[batches, P + 1]: per global batch, the valid targets per horizon and the points, summed

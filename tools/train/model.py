@@ -567,7 +567,8 @@ def load_tflite(path):
     """Parses the graph into (operators, constant getter, output tensors, input tensor).
 
     Each operator is (builtin code, inputs, outputs, fused activation, concatenation axis)."""
-    buf = bytearray(open(path, "rb").read())
+    with open(path, "rb") as f:
+        buf = bytearray(f.read())
     if buf[4:8] != b"TFL3":
         raise ValueError("not a TFLite file")
     model = _table(buf, struct.unpack_from("<I", buf, 0)[0])

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A short retraining from a directory in the recorder's format, as a device maker runs it: in two
 processes on this machine, again under torchrun (the same bytes), and in one process (the same
-network within the stated tolerance); the outputs load in the library and are replayed against the
+network within the stated tolerance, the same teacher networks); the outputs load in the library and are replayed against the
 shipped model.
 
     test_training_run.py STYLUS_REPLAY SHIPPED_CONFIG
@@ -20,7 +20,7 @@ import numpy as np
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 try:
-    import torch  # noqa: F401
+    import torch
 except ImportError:
     print("skipped: python3-torch is not installed (apt-get install python3-torch)")
     sys.exit(77)
@@ -80,9 +80,15 @@ class LayoutTest(unittest.TestCase):
         ranks = [Layout(FakeGroup(r, 2), counts, owner) for r in range(2)]
         self.assertEqual([l.local_count for l in ranks], [12, 12])
         perm = np.random.default_rng(3).permutation(counts.sum())
-        for b, parts in enumerate(zip(*(l.batches(perm, 10) for l in ranks))):
-            held = np.concatenate([l.global_of[p.numpy()] for l, p in zip(ranks, parts)])
-            self.assertEqual(sorted(held), sorted(perm[b * 10:(b + 1) * 10]))
+        orders = [l.epoch_order(perm, 10) for l in ranks]
+        for b in range(3):
+            batch = perm[b * 10:(b + 1) * 10]
+            held = [l.global_of[order[bounds[b]:bounds[b + 1]]] for l, (order, bounds) in zip(ranks, orders)]
+            self.assertEqual(sorted(np.concatenate(held)), sorted(batch))
+            # Within a process the batch keeps the permutation's order.
+            for h in held:
+                np.testing.assert_array_equal(h, [g for g in batch if g in set(h)])
+        self.assertEqual([len(bounds) for _, bounds in orders], [4, 4])
         # Each process holds its recordings' blocks in recording order.
         start = np.concatenate([[0], np.cumsum(counts)[:-1]])
         np.testing.assert_array_equal(ranks[1].global_of, np.concatenate([np.arange(start[j], start[j] + counts[j])
@@ -129,7 +135,7 @@ class TrainingRunTest(unittest.TestCase):
     def train(cls, name, jobs):
         out = os.path.join(cls.tmp.name, name)
         args = ["--data", cls.data, "--validation", cls.val, "--out", out, "--replay", REPLAY,
-                "--shipped", SHIPPED] + SHORT
+                "--shipped", SHIPPED, "--teacher", os.path.join(out, "teacher.pt")] + SHORT
         script = os.path.join(HERE, "train.py")
         if jobs is None:
             # Debian's torchrun on Python 3.11 needs --redirects and --tee other than 0.
@@ -162,6 +168,20 @@ class TrainingRunTest(unittest.TestCase):
     def test_the_same_process_count_gives_the_same_bytes_with_or_without_torchrun(self):
         for f in ("stylus_predictor.tflite", "stylus_predictor.json", ):
             self.assertEqual(self.read("two", f), self.read("torchrun", f), f)
+
+    def test_the_teachers_networks_come_out_the_same_whatever_the_process_count(self):
+        # Each trains whole in one process, side by side with the other.
+        teachers = [torch.load(os.path.join(self.runs[n][0], "teacher.pt")) for n in ("one", "two", "torchrun")]
+        self.assertEqual([ts["settings"]["seed"] for ts in teachers], [1, 1, 1])
+        for ts in teachers[1:]:
+            self.assertEqual(len(ts["states"]), 2)
+            for mine, theirs in zip(ts["states"], teachers[0]["states"]):
+                self.assertEqual(mine.keys(), theirs.keys())
+                for k in mine:
+                    self.assertTrue(torch.equal(mine[k], theirs[k]), k)
+        # Two seeds, two different networks.
+        first, second = teachers[0]["states"]
+        self.assertFalse(all(torch.equal(first[k], second[k]) for k in first))
 
     def test_one_process_trains_the_same_network_within_the_tolerance(self):
         rec = Recording.load(self.val_file)

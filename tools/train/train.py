@@ -231,7 +231,7 @@ def teacher_settings(s):
     return dict(s, **t, seed=seeds[0], ensemble_seeds=list(seeds[1:]), distill=0.0, teacher=None)
 
 
-def keep_teacher(s, path=None, log=print, src=None, group=None):
+def keep_teacher(s, path=None, log=print, src=None, group=None, side_by_side=True):
     """The teacher an earlier run saved at `path`, else one trained now (and saved there): one
     network that learns a share of its targets from the mean of several keeps much of that mean's
     accuracy at one network's inference cost. Only the leading process reads or writes the file."""
@@ -242,16 +242,28 @@ def keep_teacher(s, path=None, log=print, src=None, group=None):
         return saved_networks(saved)[1]
     t0 = time.time()
     ts = teacher_settings(s)
-    taught = train_ensemble(ts, log, src, group)
+    taught = train_ensemble(ts, log, src, group, side_by_side)
     if path and group.leader:
+        os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
         torch.save({"settings": ts, "states": [m.state_dict() for m in taught], "train_s": time.time() - t0}, path)
     return as_predictor(taught)
 
 
-def train_ensemble(s, log=print, src=None, group=None):
-    """The ensemble's networks, one after another, each from its own seed (and its own augmented
-    copies), each on all the training processes."""
-    return [train_member(ms, log, None, src, group) for ms in member_settings(s)]
+def train_ensemble(s, log=print, src=None, group=None, side_by_side=True):
+    """The ensemble's networks, each from its own seed (and its own augmented copies). With several
+    processes they train side by side, each network whole in one process (no step waits for
+    another process, and each comes out as a one-process run makes it); without `side_by_side`,
+    one after another, each on all the processes' shares of the training set."""
+    group = group or Group()
+    members = member_settings(s)
+    if group.world == 1 or len(members) == 1 or not side_by_side:
+        return [train_member(ms, log, None, src, group) for ms in members]
+    # Only the leader's log reaches the console: the others print their own networks' progress.
+    own_log = log if group.leader else (lambda m: print("[process %d] %s" % (group.rank, m), flush=True))
+    states = {k: train_member(ms, own_log, None, src, Group()).state_dict()
+              for k, ms in enumerate(members) if k % group.world == group.rank}
+    states = [group.broadcast_object(states.get(k), src=k % group.world) for k in range(len(members))]
+    return networks(members, states)
 
 
 def networks(settings, states):
@@ -288,6 +300,10 @@ class Shard:
         self.ds, self.layout = ds, layout
 
 
+# Batches whose points are gathered together: one gather per this many steps instead of one per step.
+GATHER_BATCHES = 64
+
+
 def train_model(s, data, log=print, teacher=None):
     """Fits the network on a Dataset (one process) or on this process's Shard of the training set
     (the others train alongside on theirs); the loss weighs each horizon by the better baseline's
@@ -320,7 +336,7 @@ def train_model(s, data, log=print, teacher=None):
     valid = torch.from_numpy(ds.valid.astype(np.float32))
     base_err = np.minimum(np.linalg.norm(ds.cv - ds.disp, axis=2), np.linalg.norm(ds.ls3 - ds.disp, axis=2))
     weight = torch.from_numpy(point_weights(ds, base_err, s["stroke_relative"], group))
-    opt = torch.optim.Adam(model.parameters(), lr=s["lr"])
+    opt = torch.optim.Adam(model.parameters(), lr=s["lr"], foreach=True)
     params = list(model.parameters())
     steps = s["epochs"] * ((layout.total + s["batch"] - 1) // s["batch"])
     sched = torch.optim.lr_scheduler.OneCycleLR(opt, max_lr=s["lr"], total_steps=steps, pct_start=0.1)
@@ -334,26 +350,34 @@ def train_model(s, data, log=print, teacher=None):
         perm = torch.randperm(layout.total, generator=gen).numpy()
         # Per batch of the whole set: valid targets per horizon and points, over every process.
         counts = layout.batch_counts(perm, s["batch"], ds.valid)
+        n_valid = torch.from_numpy(np.maximum(counts[:, :NUM_PREDICTIONS], 1).astype(np.float32))
+        order, bounds = layout.epoch_order(perm, s["batch"])
         total = 0.0
-        for b, idx in enumerate(layout.batches(perm, s["batch"])):
-            opt.zero_grad()
-            if len(idx):
-                d, e = model.head(*(f[idx] for f in feats))
-                d = d.view(-1, NUM_PREDICTIONS, 2)
-                err = torch.sqrt(((d - y[idx]) ** 2).sum(2) + 1e-8)
-                if alpha > 0:
-                    err = (1 - alpha) * err + alpha * torch.sqrt(((d - y_teacher[idx]) ** 2).sum(2) + 1e-8)
-                n_valid = torch.from_numpy(np.maximum(counts[b, :NUM_PREDICTIONS], 1).astype(np.float32))
-                loss = (((err * valid[idx] * weight[idx]).sum(0) / n_valid).sum()
-                        + s["end_weight"] * bce(e, end[idx]) / float(counts[b, -1] * NUM_PREDICTIONS))
-                loss.backward()
-                total += float(loss) * counts[b, -1]
-            else:
-                for p in params:
-                    p.grad = torch.zeros_like(p)
-            group.sum_gradients(params)
-            opt.step()
-            sched.step()
+        for c in range(0, len(counts), GATHER_BATCHES):
+            # This process's points of the next batches, gathered at once in permutation order.
+            rows = torch.from_numpy(order[bounds[c]:bounds[min(c + GATHER_BATCHES, len(counts))]])
+            f_c = [f[rows] for f in feats]
+            y_c, w_c, end_c = y[rows], (valid[rows] * weight[rows]), end[rows]
+            t_c = y_teacher[rows] if alpha > 0 else None
+            for b in range(c, min(c + GATHER_BATCHES, len(counts))):
+                opt.zero_grad()
+                at = slice(bounds[b] - bounds[c], bounds[b + 1] - bounds[c])
+                if at.stop > at.start:
+                    d, e = model.head(*(f[at] for f in f_c))
+                    d = d.view(-1, NUM_PREDICTIONS, 2)
+                    err = torch.sqrt(((d - y_c[at]) ** 2).sum(2) + 1e-8)
+                    if alpha > 0:
+                        err = (1 - alpha) * err + alpha * torch.sqrt(((d - t_c[at]) ** 2).sum(2) + 1e-8)
+                    loss = (((err * w_c[at]).sum(0) / n_valid[b]).sum()
+                            + s["end_weight"] * bce(e, end_c[at]) / float(counts[b, -1] * NUM_PREDICTIONS))
+                    loss.backward()
+                    total += float(loss) * counts[b, -1]
+                else:
+                    for p in params:
+                        p.grad = torch.zeros_like(p)
+                group.sum_gradients(params)
+                opt.step()
+                sched.step()
         total = float(group.sum(np.array([total]))[0])
         log("  epoch %2d loss %.4f (%.0f s, %.0f s on this core)" % (
             epoch + 1, total / layout.total, time.time() - t0, time.process_time() - c0))
@@ -744,6 +768,10 @@ def parse_args(argv=None):
     ap.add_argument("--teacher", metavar="STATE",
                     help="the teacher saved here by an earlier run, instead of training it; if the file does not "
                          "exist yet, the teacher trained is saved there")
+    ap.add_argument("--shard-teacher", action="store_true",
+                    help="train each of the teacher's networks on every process's share of the training set, "
+                         "one after another (for a training set too large for one process); by default they "
+                         "train side by side, each whole in one process")
     ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
     return ap.parse_args(argv)
@@ -824,10 +852,11 @@ def retrain(args, s, src, group):
     if s["distill"] > 0:
         s["ensemble_seeds"] = []  # one network ships; its teacher's seeds are in its settings
         teacher_was_saved = bool(args.teacher) and os.path.exists(args.teacher)
-        members = [train_member(s, say, keep_teacher(s, args.teacher, say, src, group), src, group)]
+        teacher = keep_teacher(s, args.teacher, say, src, group, not args.shard_teacher)
+        members = [train_member(s, say, teacher, src, group)]
     else:
         teacher_was_saved = False
-        members = train_ensemble(s, say, src, group)
+        members = train_ensemble(s, say, src, group, not args.shard_teacher)
     # Every process names the bad rows of its own share; the leader also the leftovers.
     for line in src.skipped.report(listing=group.leader):
         print(("[process %d] " % group.rank if group.world > 1 else "") + line, flush=True)
