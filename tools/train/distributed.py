@@ -7,11 +7,16 @@ every process takes the same optimiser step. The loss is normalised by counts ov
 so the summed gradient is the one-process gradient up to the order of float additions.
 """
 
+import datetime
 import os
 
 import numpy as np
 import torch
 import torch.distributed as dist
+
+
+# Longest a process waits for the others.
+WAIT_HOURS = 48
 
 
 class Group:
@@ -28,7 +33,9 @@ class Group:
         if world <= 1:
             return cls()
         if not dist.is_initialized():
-            dist.init_process_group("gloo")
+            # A process may wait for another's whole network (side by side, or the first process
+            # training alone), far beyond gloo's default half hour.
+            dist.init_process_group("gloo", timeout=datetime.timedelta(hours=WAIT_HOURS))
         return cls(dist.get_rank(), dist.get_world_size())
 
     @property

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A short retraining from a directory in the recorder's format, as a device maker runs it: in two
-processes on this machine, again under torchrun (the same bytes), and in one process (the same
-network within the stated tolerance, the same teacher networks); the outputs load in the library and are replayed against the
+processes on this machine and in one (the same bytes), sharded across two processes with and without
+torchrun (the same bytes, and the one-process network within the stated tolerance); the outputs load in the library and are replayed against the
 shipped model.
 
     test_training_run.py STYLUS_REPLAY SHIPPED_CONFIG
@@ -124,7 +124,8 @@ class TrainingRunTest(unittest.TestCase):
         cls.val_file = os.path.join(cls.val, "stylus_input_events_2026-01-02_09-00-00.dat")
         write_recording(cls.val_file, strokes(4, 12, 4))
         cls.runs = {}
-        for name, launcher in (("two", ["--jobs", "2"]), ("torchrun", None), ("one", ["--jobs", "1"])):
+        for name, launcher in (("two", ["--jobs", "2"]), ("one", ["--jobs", "1"]),
+                               ("torchrun", ["--shard"]), ("two-shard", ["--jobs", "2", "--shard"])):
             cls.runs[name] = cls.train(name, launcher)
 
     @classmethod
@@ -137,10 +138,10 @@ class TrainingRunTest(unittest.TestCase):
         args = ["--data", cls.data, "--validation", cls.val, "--out", out, "--replay", REPLAY,
                 "--shipped", SHIPPED, "--teacher", os.path.join(out, "teacher.pt")] + SHORT
         script = os.path.join(HERE, "train.py")
-        if jobs is None:
+        if name == "torchrun":
             # Debian's torchrun on Python 3.11 needs --redirects and --tee other than 0.
             cmd = [sys.executable, "-m", "torch.distributed.run", "--redirects", "1", "--tee", "1", "--standalone",
-                   "--nproc_per_node=2", script] + args
+                   "--nproc_per_node=2", script] + args + jobs
         else:
             cmd = [sys.executable, script] + args + jobs
         run = subprocess.run(cmd, capture_output=True, text=True, env=dict(os.environ, OMP_NUM_THREADS="1"))
@@ -157,6 +158,10 @@ class TrainingRunTest(unittest.TestCase):
         self.assertIn("training in 2 processes", text)
         self.assertIn("skipped 1 unfinished recorder file (.dat.tmp)", text)
         self.assertIn("%s:42: expected 7 fields, found 3" % self.bad, text)
+        # Named once, by the process that read every recording.
+        self.assertEqual(text.count(":42: expected 7 fields"), 1)
+        # Sharded, by the process that read it.
+        self.assertIn(":42: expected 7 fields", self.runs["two-shard"][1])
         for row in ("new model", "shipped model", "least-squares velocity", "constant velocity"):
             self.assertRegex(text, r"\| %s \| \d+\.\d{3} / \d+\.\d{3} \|" % row)
         self.assertRegex(text, r"The new model is better than the shipped one at \d of 5 horizons")
@@ -165,32 +170,32 @@ class TrainingRunTest(unittest.TestCase):
         # No path of the machine it was trained on.
         self.assertNotIn(self.tmp.name, card)
 
-    def test_the_same_process_count_gives_the_same_bytes_with_or_without_torchrun(self):
-        for f in ("stylus_predictor.tflite", "stylus_predictor.json", ):
-            self.assertEqual(self.read("two", f), self.read("torchrun", f), f)
-
-    def test_the_teachers_networks_come_out_the_same_whatever_the_process_count(self):
-        # Each trains whole in one process, side by side with the other.
-        teachers = [torch.load(os.path.join(self.runs[n][0], "teacher.pt")) for n in ("one", "two", "torchrun")]
-        self.assertEqual([ts["settings"]["seed"] for ts in teachers], [1, 1, 1])
-        for ts in teachers[1:]:
-            self.assertEqual(len(ts["states"]), 2)
-            for mine, theirs in zip(ts["states"], teachers[0]["states"]):
-                self.assertEqual(mine.keys(), theirs.keys())
-                for k in mine:
-                    self.assertTrue(torch.equal(mine[k], theirs[k]), k)
-        # Two seeds, two different networks.
+    def test_any_process_count_gives_the_same_bytes_unsharded(self):
+        for f in ("stylus_predictor.tflite", "stylus_predictor.json"):
+            self.assertEqual(self.read("two", f), self.read("one", f), f)
+        # The teacher's networks, trained side by side, are the ones one process trains in turn.
+        teachers = [torch.load(os.path.join(self.runs[n][0], "teacher.pt")) for n in ("one", "two")]
+        for mine, theirs in zip(*(ts["states"] for ts in teachers)):
+            self.assertEqual(mine.keys(), theirs.keys())
+            for k in mine:
+                self.assertTrue(torch.equal(mine[k], theirs[k]), k)
+        self.assertEqual([len(ts["states"]) for ts in teachers], [2, 2])
         first, second = teachers[0]["states"]
         self.assertFalse(all(torch.equal(first[k], second[k]) for k in first))
+        self.assertIn("[process 1] seed 2:", self.runs["two"][1])
 
-    def test_one_process_trains_the_same_network_within_the_tolerance(self):
+    def test_sharded_the_same_process_count_gives_the_same_bytes_with_or_without_torchrun(self):
+        for f in ("stylus_predictor.tflite", "stylus_predictor.json"):
+            self.assertEqual(self.read("two-shard", f), self.read("torchrun", f), f)
+
+    def test_sharded_two_processes_train_the_one_process_network_within_the_tolerance(self):
         rec = Recording.load(self.val_file)
         d1, p1 = outputs(self.runs["one"][0], rec)
-        d2, p2 = outputs(self.runs["two"][0], rec)
+        d2, p2 = outputs(self.runs["two-shard"][0], rec)
         self.assertLess(np.abs(d1 - d2).max(), TOLERANCE_MM)
         self.assertLess(np.abs(p1 - p2).max(), TOLERANCE_PROBABILITY)
         # Not the same bytes, or the comparison would not test the summation across processes.
-        self.assertNotEqual(self.read("one", "stylus_predictor.tflite"), self.read("two", "stylus_predictor.tflite"))
+        self.assertNotEqual(self.read("one", "stylus_predictor.tflite"), self.read("two-shard", "stylus_predictor.tflite"))
 
     def test_the_library_loads_the_new_model(self):
         out = self.runs["two"][0]
