@@ -835,9 +835,10 @@ def main(argv=None):
     return status or (1 if any(failed) else 0)
 
 
-def run_note(group, distilled, teacher_was_saved):
+def run_note(group, distilled, teacher_was_saved, shard=False):
     """How the card's training time was measured."""
-    where = "%d process%s of one thread" % (group.world, "" if group.world == 1 else "es")
+    where = "%d process%s of one thread%s" % (group.world, "" if group.world == 1 else "es",
+                                               ", every network sharded" if shard and group.world > 1 else "")
     what = ("" if not distilled else ", the teacher loaded from an earlier run" if teacher_was_saved
             else ", the teacher's networks included")
     return " (%s%s; load average %.1f at the end)" % (where, what, os.getloadavg()[0])
@@ -899,7 +900,7 @@ def retrain(args, s, src, group):
         if args.state:
             torch.save({"settings": s, "states": [m.state_dict() for m in members], "train_s": train_s}, args.state)
         write_card(model, s, tfl_path, train_s, args.eval_json, args.replay_validation, sets, src,
-                   run_note(group, s["distill"] > 0, teacher_was_saved))
+                   run_note(group, s["distill"] > 0, teacher_was_saved, args.shard))
         print("wrote %s, %s and %s (%.1f minutes)" % (tfl_path, cfg_path, os.path.join(args.out, "MODEL_CARD.md"),
                                                       train_s / 60.0), flush=True)
         if args.no_compare:
@@ -1423,10 +1424,12 @@ deterministic algorithms. Last training run: {train_min:.1f} minutes{train_note}
 Retrain (writes the model, its configuration and this card to `--out`, then replays the new model
 against the shipped one and both baselines on the validation recordings; recordings are the
 recorder's `.dat` files or CSV files under the `--data` directories, see the README; `--jobs N`
-trains in N processes, one core each, the same bytes for the same N; `--teacher STATE` reuses the
+trains in N processes, one core each: the teacher's networks side by side, each whole in one process,
+then the network in the first, the same bytes for any N; `--shard` instead trains every network on
+all processes' shares of the data, the same bytes for the same N; `--teacher STATE` reuses the
 teacher saved there by an earlier run, or saves the one it trains there):
 
-    /usr/bin/python3 tools/train/train.py --data DIR... --validation DIR... --out DIR [--jobs N] [--teacher STATE]
+    /usr/bin/python3 tools/train/train.py --data DIR... --validation DIR... --out DIR [--jobs N] [--shard] [--teacher STATE]
 
 Compare candidate settings on the validation writers: `tools/train/train.py --select [NAME ...]`.
 Tables for any recordings: `tools/train/evaluate.py FILE.csv ... [--rates own,100,600] [--batches 1,4]`.
