@@ -1,6 +1,7 @@
 """The training processes: one, several on this machine (--jobs), or many under torchrun.
 
-Every process builds only its share of the training recordings; each batch is drawn from the
+Sharded training (`--shard`; otherwise each network trains whole in one process and only finished
+networks travel between processes): every process builds only its share of the training recordings; each batch is drawn from the
 whole set by the same permutation in every process, each process computes the loss terms of the
 batch's points it holds, and the gradients are summed across processes (gloo all-reduce) before
 every process takes the same optimiser step. The loss is normalised by counts over the whole batch,
