@@ -1,11 +1,12 @@
 """The training processes: one, several on this machine (--jobs), or many under torchrun.
 
-Sharded training (`--shard`; otherwise each network trains whole in one process and only finished
-networks travel between processes): every process builds only its share of the training recordings; each batch is drawn from the
-whole set by the same permutation in every process, each process computes the loss terms of the
-batch's points it holds, and the gradients are summed across processes (gloo all-reduce) before
-every process takes the same optimiser step. The loss is normalised by counts over the whole batch,
-so the summed gradient is the one-process gradient up to the order of float additions.
+By default each network trains whole in one process and only finished networks travel between
+processes. Sharded (`--shard`), every process builds only its share of the training recordings;
+each batch is drawn from the whole set by the same permutation in every process, each process
+computes the loss terms of the batch's points it holds, and the gradients are summed across
+processes (gloo all-reduce) before every process takes the same optimiser step. The loss is
+normalised by counts over the whole batch, so the summed gradient is the one-process gradient up
+to the order of float additions.
 """
 
 import datetime
@@ -117,7 +118,8 @@ class Layout:
         makes every batch a contiguous slice instead of a gather per step."""
         local = self.local_of[perm]
         held = local >= 0
-        per_batch = np.add.reduceat(held.astype(np.int64), np.arange(0, self.total, batch)) if self.total else np.zeros(0, np.int64)
+        starts = np.arange(0, self.total, batch)
+        per_batch = np.add.reduceat(held.astype(np.int64), starts) if self.total else np.zeros(0, np.int64)
         return local[held], np.concatenate([[0], np.cumsum(per_batch)]).astype(np.int64)
 
     def batch_counts(self, perm, batch, valid):
