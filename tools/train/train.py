@@ -100,7 +100,7 @@ SETTINGS = {
     "ensemble_seeds": [],  # more networks trained alike from these seeds; the file computes their mean
     "distill": 0.5,        # share of the targets taken from a teacher's outputs instead of the truth
     # The teacher: the mean of networks trained from these seeds, with these settings where they differ
-    # (the shipped network's teacher: two networks of 24 epochs taught a network 0.6-2 % worse at
+    # (the shipped network's teacher: two networks of 24 epochs taught a network 0.8-2.2 % worse at
     # +20 ms on the validation writers; trained side by side, three of 36 fit in 15 minutes on two cores).
     "teacher": {"seeds": [1234, 99, 7], "epochs": 36},
 }
