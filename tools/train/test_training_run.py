@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """A short retraining from a directory in the recorder's format, as a device maker runs it: in two
-processes on this machine and in one (the same bytes), sharded across two processes with and without
-torchrun (the same bytes, and the one-process network within the stated tolerance); the outputs load in the library and are replayed against the
-shipped model.
+processes on this machine and in one (the same bytes), sharded across two processes with and
+without torchrun (the same bytes, and the one-process network within the stated tolerance); the
+outputs load in the library and are replayed against the shipped model.
 
     test_training_run.py STYLUS_REPLAY SHIPPED_CONFIG
 

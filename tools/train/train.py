@@ -863,16 +863,14 @@ def retrain(args, s, src, group):
     else:
         teacher_was_saved = False
         members = train_ensemble(s, say, src, group, args.shard)
-    if args.shard:
-        # Every process names the bad rows of its own share; the leader also the leftovers.
+    # Sharded, every process names the bad rows of its own share; otherwise the leader, which read
+    # every training recording, names them all. The leader also names the leftovers.
+    if args.shard or group.leader:
+        prefix = "[process %d] " % group.rank if args.shard and group.world > 1 else ""
         for line in src.skipped.report(listing=group.leader):
-            print(("[process %d] " % group.rank if group.world > 1 else "") + line, flush=True)
+            print(prefix + line, flush=True)
     if not group.leader:
         return 0
-    if not args.shard:
-        # The leader has read every training recording.
-        for line in src.skipped.report():
-            print(line, flush=True)
     model = as_predictor(members)
     cfg, sets = validation_sets(s, src)
     s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
