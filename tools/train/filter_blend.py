@@ -10,11 +10,14 @@ the window, a sum of rows, turns its slope per sample into one per ms:
 
     base(h)   = c0 + damping * slope * h / mean_gap
     gate      = clip(g_max * (gap_hi - mean_gap) / (gap_hi - gap_lo), 0, g_max)
+              [* clip((step_hi - mean_step) / (step_hi - step_lo), 0, 1)]
     output 0  = network + gate * (base - network)
 
-where c0 is the line's value at the newest sample (relative to it). Zero gate is the network
-unchanged; the stroke-end logits are untouched. Operators added: FULLY_CONNECTED, DIV, MAXIMUM,
-MINIMUM, SUB, MUL, ADD (all run by the fast engine).
+where c0 is the line's value at the newest sample (relative to it). With step_lo and step_hi the
+gate also closes as the mean L1 step over the window (|dx| + |dy| per sample, mm) grows: the line
+helps where a step is a fraction of the digitiser's noise and pixel, not on a fast pen's long steps.
+Zero gate is the network unchanged; the stroke-end logits are untouched. Operators added:
+FULLY_CONNECTED, DIV, MAXIMUM, MINIMUM, SUB, MUL, ADD (all run by the fast engine).
 
     /usr/bin/python3 tools/train/filter_blend.py IN.tflite OUT.tflite --config C.json
         --window 8 --damping 0.9 --gap-lo 1.7 --gap-hi 4 --gate-max 0.5
@@ -38,15 +41,22 @@ ACTIVATION = {0: "none", 1: "relu", 2: "relu_n1_to_1", 3: "relu6", 4: "tanh"}
 class Blend:
     """Parameters of the fallback and the gate, and the constant maps they make over the rows."""
 
-    def __init__(self, window=8, damping=0.9, gap_lo=1.7, gap_hi=4.0, gate_max=0.5):
+    def __init__(self, window=8, damping=0.9, gap_lo=1.7, gap_hi=4.0, gate_max=0.5, step_lo=None, step_hi=None):
         if window < 2 or not gap_hi > gap_lo:
             raise ValueError("need a window of at least 2 samples and gap_hi > gap_lo")
+        if (step_lo is None) != (step_hi is None) or (step_lo is not None and not step_hi > step_lo >= 0):
+            raise ValueError("need both step_lo and step_hi, with step_hi > step_lo >= 0, or neither")
         self.window, self.damping = int(window), float(damping)
         self.gap_lo, self.gap_hi, self.gate_max = float(gap_lo), float(gap_hi), float(gate_max)
+        self.step_lo = None if step_lo is None else float(step_lo)
+        self.step_hi = None if step_hi is None else float(step_hi)
 
     def as_dict(self):
-        return {"window": self.window, "damping": self.damping, "gap_lo_ms": self.gap_lo,
-                "gap_hi_ms": self.gap_hi, "gate_max": self.gate_max}
+        d = {"window": self.window, "damping": self.damping, "gap_lo_ms": self.gap_lo,
+             "gap_hi_ms": self.gap_hi, "gate_max": self.gate_max}
+        if self.step_lo is not None:
+            d.update(step_lo_mm=self.step_lo, step_hi_mm=self.step_hi)
+        return d
 
     def maps(self, cfg):
         """(weights [out, n*6], bias [out]) of the offset, slope-times-horizon, mean-gap and
@@ -86,7 +96,18 @@ class Blend:
                 gap.append((g_w, g_b))
                 gate.append((-scale * g_w, scale * (self.gap_hi - g_b)))
         stack = lambda rows: (np.stack([r[0] for r in rows]), np.array([r[1] for r in rows]))
-        return {"offset": stack(offset), "slope_h": stack(slope_h), "gap": stack(gap), "gate": stack(gate)}
+        maps = {"offset": stack(offset), "slope_h": stack(slope_h), "gap": stack(gap), "gate": stack(gate)}
+        if self.step_lo is not None:
+            # The window's x and y steps (mm), one output each; their absolute values come from the
+            # larger of these and their negation, and one more layer turns them into the step term.
+            one = lambda j, col: over_steps(np.eye(w - 1)[j - 1], col)
+            steps = stack([one(j, col) for j in range(1, w) for col in (1, 2)])
+            maps["steps"] = steps
+            maps["steps_neg"] = (-steps[0], -steps[1])
+            scale = 1.0 / ((w - 1) * (self.step_hi - self.step_lo))
+            maps["step_gate"] = (np.full((2 * p, 2 * (w - 1)), -scale),
+                                 np.full(2 * p, self.step_hi / (self.step_hi - self.step_lo)))
+        return maps
 
     def base(self, cfg, flat):
         """The line's displacements [K, 2P] from flattened rows (float64)."""
@@ -96,7 +117,11 @@ class Blend:
 
     def gate(self, cfg, flat):
         m = self.maps(cfg)
-        return np.clip(flat @ m["gate"][0].T + m["gate"][1], 0.0, self.gate_max)
+        gate = np.clip(flat @ m["gate"][0].T + m["gate"][1], 0.0, self.gate_max)
+        if "steps" in m:
+            steps = np.abs(flat @ m["steps"][0].T + m["steps"][1])
+            gate = gate * np.clip(steps @ m["step_gate"][0].T + m["step_gate"][1], 0.0, 1.0)
+        return gate
 
     def apply(self, cfg, x, net, base=None, gate=None):
         """The blended displacements [K, P, 2] from rows [K, N, 6] and the network's [K, P, 2]
@@ -148,8 +173,16 @@ def write_blended(src, dst, cfg, blend):
     full = lambda name, v: g.constant(name, np.full(width, v))
     mean_gap = g.binary("maximum", "blend_gap_floor", fc("gap"), full("blend_min_gap", MIN_GAP_MS))
     base = g.binary("add", "blend_base", fc("offset"), g.binary("div", "blend_slope", fc("slope_h"), mean_gap))
-    gate = g.binary("minimum", "blend_gate", g.binary("maximum", "blend_gate_floor", fc("gate"),
-                                                      full("blend_zero", 0.0)), full("blend_gate_max", blend.gate_max))
+    zero = full("blend_zero", 0.0)
+    gate = g.binary("minimum", "blend_gate", g.binary("maximum", "blend_gate_floor", fc("gate"), zero),
+                    full("blend_gate_max", blend.gate_max))
+    if "steps" in m:
+        size = g.binary("maximum", "blend_step_abs", fc("steps"), fc("steps_neg"))
+        w, b = m["step_gate"]
+        term = g.fully_connected("blend_step_gate", size, w, b)
+        term = g.binary("minimum", "blend_step_term", g.binary("maximum", "blend_step_floor", term, zero),
+                        full("blend_one", 1.0))
+        gate = g.binary("mul", "blend_gate_steps", gate, term)
     out0 = g.binary("add", "output0_blended", net,
                     g.binary("mul", "blend_pull", gate, g.binary("sub", "blend_diff", base, net)))
     g.write(dst, [out0, ends])
@@ -165,9 +198,12 @@ def main(argv=None):
     ap.add_argument("--gap-lo", type=float, default=1.7)
     ap.add_argument("--gap-hi", type=float, default=4.0)
     ap.add_argument("--gate-max", type=float, default=0.5)
+    ap.add_argument("--step-lo", type=float, default=None, help="mm; with --step-hi, the gate closes on long steps")
+    ap.add_argument("--step-hi", type=float, default=None)
     args = ap.parse_args(argv)
     cfg = FeatureConfig.from_file(args.config)
-    write_blended(args.src, args.dst, cfg, Blend(args.window, args.damping, args.gap_lo, args.gap_hi, args.gate_max))
+    write_blended(args.src, args.dst, cfg, Blend(args.window, args.damping, args.gap_lo, args.gap_hi, args.gate_max,
+                                                 args.step_lo, args.step_hi))
 
 
 if __name__ == "__main__":

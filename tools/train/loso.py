@@ -381,13 +381,19 @@ def threshold_variants(cfg, blend):
     return out
 
 
-def compare_variants(cfg, blend, others=()):
+def compare_variants(cfg, blend, others=(), steps=()):
     """The network as it is and with the fallback `blend`, both dropping at the configuration's
-    threshold (the fallback leaves the stroke-end logits alone); and every other configuration's
+    threshold (the fallback leaves the stroke-end logits alone); the same fallback with its gate also
+    closing on long steps, for every (step_lo, step_hi) of `steps`; and every other configuration's
     model of `others` ((label, config path)) as it ships, at its own threshold, on the same rows."""
+    from filter_blend import Blend
     drop = lambda logit: logit >= logit_threshold(cfg.stroke_end_thres)
     out = {"network alone": lambda x, disp, logit: (disp, drop(logit)),
            "fallback": lambda x, disp, logit: (blend.apply(cfg, x, disp).astype(np.float32), drop(logit))}
+    for lo, hi in steps:
+        b = Blend(blend.window, blend.damping, blend.gap_lo, blend.gap_hi, blend.gate_max, lo, hi)
+        out["fallback, steps %g-%g mm" % (lo, hi)] = \
+            lambda x, disp, logit, b=b: (b.apply(cfg, x, disp).astype(np.float32), drop(logit))
     for label, path in others:
         sec, other_cfg, predict = configured_predictor(path)
         if rows_settings(other_cfg) != rows_settings(cfg):
@@ -508,6 +514,9 @@ def main(argv=None):
     ap.add_argument("--compare-fallback", default=None, metavar="BLEND",
                     help="score the network as it is and with the fast-pen fallback BLEND "
                          "(window,damping,gap_hi,gate_max) side by side, at the configuration's threshold")
+    ap.add_argument("--steps", action="append", default=[], metavar="LO,HI",
+                    help="with --compare-fallback: also the fallback whose gate closes as the mean step over its "
+                         "window grows from LO to HI mm")
     ap.add_argument("--also", action="append", default=[], metavar="LABEL=CONFIG",
                     help="with --compare-fallback: also score this configuration's model as it ships")
     ap.add_argument("--json", default=None)
@@ -532,7 +541,8 @@ def main(argv=None):
     if args.compare_fallback:
         from filter_blend import Blend
         w, d, hi, gm = (float(a) for a in args.compare_fallback.split(","))
-        variants = compare_variants(cfg, Blend(w, d, 1.7, hi, gm), [a.split("=", 1) for a in args.also])
+        variants = compare_variants(cfg, Blend(w, d, 1.7, hi, gm), [a.split("=", 1) for a in args.also],
+                                    [tuple(float(v) for v in s.split(",")) for s in args.steps])
     result, horizons = run(model, cfg, training_files(args.data), rates, args.seconds, peers,
                            log=lambda m: print(m, file=sys.stderr, flush=True), score_files=score_files,
                            fold_models=fold_models, variants=variants, choose=choose, speed=args.speed,

@@ -225,6 +225,26 @@ class CompareTest(unittest.TestCase):
             with self.assertRaises(SystemExit):
                 compare_variants(cfg, Blend(10, 0.8, 1.7, 4.5, 0.5), [("other", path)])
 
+    def test_a_step_variant_is_the_fallback_with_its_gate_closing_on_long_steps(self):
+        sec, cfg, predict = configured_predictor(self.SHIPPED)
+        t = np.arange(0, 200, 2.0)  # 500 Hz: the gap gate is open
+        ds = build(stroke(t, 300 + 2.0 * t, 200 + 0.5 * t), cfg)
+        disp = np.zeros((len(ds.x), cfg.num_predictions, 2), np.float32)
+        logit = np.full((len(ds.x), cfg.num_predictions), -50.0, np.float32)
+        blend = Blend(10, 0.8, 1.7, 4.5, 0.5)
+        variants = compare_variants(cfg, blend, steps=[(0.1, 0.2), (1.0, 2.0)])
+        self.assertEqual(sorted(variants), ["fallback", "fallback, steps 0.1-0.2 mm", "fallback, steps 1-2 mm",
+                                            "network alone"])
+        full, _ = variants["fallback"](ds.x, disp, logit)
+        # Steps of about 0.6 mm (4 px and 1 px): past the first variant's closing step, inside the
+        # second's open range.
+        closed, _ = variants["fallback, steps 0.1-0.2 mm"](ds.x, disp, logit)
+        wide, _ = variants["fallback, steps 1-2 mm"](ds.x, disp, logit)
+        late = ds.pos >= 10
+        self.assertTrue(np.abs(full[late]).max() > 0.1)
+        np.testing.assert_array_equal(closed[late], 0.0)
+        np.testing.assert_allclose(wide[late], full[late], atol=1e-6)
+
 
 if __name__ == "__main__":
     unittest.main()
