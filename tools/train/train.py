@@ -58,8 +58,10 @@ DEFAULT_VALIDATION = [os.path.join(DATA, "train", f) for f in VALIDATION]
 # The shipped settings (chosen with --select on the validation writers).
 SETTINGS = {
     # The fast-pen line fallback written into the exported file (filter_blend.py; None: none),
-    # chosen on the leave-one-source-out validation of loso.py --blend-search.
-    "fallback": {"window": 10, "damping": 0.8, "gap_lo": 1.7, "gap_hi": 4.5, "gate_max": 0.5},
+    # chosen on the leave-one-source-out validation of loso.py --blend-search; its gate's step term
+    # (mm) with loso.py --steps.
+    "fallback": {"window": 10, "damping": 0.8, "gap_lo": 1.7, "gap_hi": 4.5, "gate_max": 0.5,
+                 "step_lo": 0.12, "step_hi": 0.24},
     "num_historical_points": 16,
     "min_num_historical_points": 3,
     "hidden": [96, 96],
@@ -105,6 +107,8 @@ SETTINGS = {
     "teacher": {"seeds": [1234, 99, 7], "epochs": 36},
 }
 NUM_PREDICTIONS, DELTA_MS = 5, 4
+# Settings applied to a trained network, which --card-from may change.
+AFTER_TRAINING = ("fallback",)
 # The recordings' and the shipped configuration's screen.
 MM_PER_INCH, PIXEL_PER_INCH = 25.4, 213
 PIXEL_MM = MM_PER_INCH / PIXEL_PER_INCH
@@ -772,7 +776,8 @@ def parse_args(argv=None):
                     help="train each network on every process's share of the training set, summing gradients "
                          "every step (for a training set too large for one machine); by default each network "
                          "trains whole in one process, the teacher's side by side, the same bytes for any --jobs")
-    ap.add_argument("--card-from", metavar="STATE", help="rewrite the card of --out from a saved network")
+    ap.add_argument("--card-from", metavar="STATE",
+                    help="rewrite the card of --out from a saved network (--set fallback=JSON: with another fallback)")
     ap.add_argument("--set", action="append", default=[], metavar="KEY=JSON", help="override one setting")
     return ap.parse_args(argv)
 
@@ -807,6 +812,12 @@ def main(argv=None):
         raise SystemExit("%s (recordings are given with --data and --validation)" % e)
     if args.card_from:
         s, model, train_s = load_state(args.card_from)
+        # Only what acts after training can change on a saved network.
+        for kv in args.set:
+            k, v = kv.split("=", 1)
+            if k not in AFTER_TRAINING:
+                raise SystemExit("--card-from takes --set only for %s, not %s" % (", ".join(AFTER_TRAINING), k))
+            s[k] = json.loads(v)
         cfg, sets = validation_sets(s, src)
         s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
         print("stroke-end threshold %g" % s["stroke_end_thres"], flush=True)
