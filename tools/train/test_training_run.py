@@ -136,7 +136,8 @@ class TrainingRunTest(unittest.TestCase):
     def train(cls, name, jobs):
         out = os.path.join(cls.tmp.name, name)
         args = ["--data", cls.data, "--validation", cls.val, "--out", out, "--replay", REPLAY,
-                "--shipped", SHIPPED, "--teacher", os.path.join(out, "teacher.pt")] + SHORT
+                "--shipped", SHIPPED, "--teacher", os.path.join(out, "teacher.pt"),
+                "--state", os.path.join(out, "state.pt")] + SHORT
         script = os.path.join(HERE, "train.py")
         if name == "torchrun":
             # Debian's torchrun on Python 3.11 needs --redirects and --tee other than 0.
@@ -196,6 +197,32 @@ class TrainingRunTest(unittest.TestCase):
         self.assertLess(np.abs(p1 - p2).max(), TOLERANCE_PROBABILITY)
         # Not the same bytes, or the comparison would not test the summation across processes.
         self.assertNotEqual(self.read("one", "stylus_predictor.tflite"), self.read("two-shard", "stylus_predictor.tflite"))
+
+    def test_a_saved_network_is_exported_again_with_another_fallback_only(self):
+        out = self.runs["two"][0]
+
+        def card_from(dst, *settings):
+            cmd = [sys.executable, os.path.join(HERE, "train.py"), "--card-from", os.path.join(out, "state.pt"),
+                   "--data", self.data, "--validation", self.val, "--out", dst]
+            for kv in settings:
+                cmd += ["--set", kv]
+            return subprocess.run(cmd, capture_output=True, text=True, env=dict(os.environ, OMP_NUM_THREADS="1"))
+
+        same, steps = os.path.join(self.tmp.name, "again"), os.path.join(self.tmp.name, "steps")
+        fallback = dict(train.SETTINGS["fallback"])
+        self.assertEqual(card_from(same, "fallback=" + json.dumps(fallback)).returncode, 0)
+        self.assertEqual(card_from(steps, "fallback=" + json.dumps(dict(fallback, step_lo=0.01, step_hi=0.02)))
+                         .returncode, 0)
+        def read(d, f):
+            with open(os.path.join(d, f), "rb") as fh:
+                return fh.read()
+        # The run's own fallback gives its bytes back; a step term changes the file, not the configuration.
+        self.assertEqual(read(same, "stylus_predictor.tflite"), self.read("two", "stylus_predictor.tflite"))
+        self.assertNotEqual(read(steps, "stylus_predictor.tflite"), self.read("two", "stylus_predictor.tflite"))
+        self.assertEqual(read(steps, "stylus_predictor.json"), self.read("two", "stylus_predictor.json"))
+        refused = card_from(os.path.join(self.tmp.name, "refused"), "hidden=[3]")
+        self.assertNotEqual(refused.returncode, 0)
+        self.assertIn("--card-from takes --set only for fallback, not hidden", refused.stderr)
 
     def test_the_library_loads_the_new_model(self):
         out = self.runs["two"][0]
