@@ -1082,6 +1082,8 @@ def network_summary(s):
             100 * s["distill"], seed_list(s["teacher"]["seeds"]))
     if s.get("fallback"):
         text += ", fast-pen fallback"
+        if s["fallback"].get("step_lo") is not None:
+            text += " closing on steps of %g-%g mm" % (s["fallback"]["step_lo"], s["fallback"]["step_hi"])
     return text
 
 
