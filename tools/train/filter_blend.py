@@ -60,7 +60,8 @@ class Blend:
 
     def maps(self, cfg):
         """(weights [out, n*6], bias [out]) of the offset, slope-times-horizon, mean-gap and
-        gate-before-clipping layers, each with one output per displacement (x0, y0, x1, ...)."""
+        gate-before-clipping layers, each with one output per displacement (x0, y0, x1, ...); with a
+        step term also the window's steps, their negation, and the term's layer over their sizes."""
         n, w = cfg.num_historical_points, self.window
         p = cfg.num_predictions
         if w - 1 > n:
