@@ -213,6 +213,7 @@ class TrainingRunTest(unittest.TestCase):
         self.assertEqual(card_from(same, "fallback=" + json.dumps(fallback)).returncode, 0)
         self.assertEqual(card_from(steps, "fallback=" + json.dumps(dict(fallback, step_lo=0.01, step_hi=0.02)))
                          .returncode, 0)
+
         def read(d, f):
             with open(os.path.join(d, f), "rb") as fh:
                 return fh.read()

@@ -803,9 +803,8 @@ def main(argv=None):
     s = copy.deepcopy(SETTINGS)
     if args.epochs:
         s["epochs"] = args.epochs
-    for kv in args.set:
-        k, v = kv.split("=", 1)
-        s[k] = json.loads(v)
+    overrides = dict((kv.split("=", 1)[0], json.loads(kv.split("=", 1)[1])) for kv in args.set)
+    s.update(overrides)
     try:
         src = Sources(args.data, args.validation)
     except FileNotFoundError as e:
@@ -813,11 +812,10 @@ def main(argv=None):
     if args.card_from:
         s, model, train_s = load_state(args.card_from)
         # Only what acts after training can change on a saved network.
-        for kv in args.set:
-            k, v = kv.split("=", 1)
+        for k in overrides:
             if k not in AFTER_TRAINING:
                 raise SystemExit("--card-from takes --set only for %s, not %s" % (", ".join(AFTER_TRAINING), k))
-            s[k] = json.loads(v)
+        s.update(overrides)
         cfg, sets = validation_sets(s, src)
         s["stroke_end_thres"] = choose_threshold(s, torch_predictor(model), sets)
         print("stroke-end threshold %g" % s["stroke_end_thres"], flush=True)
